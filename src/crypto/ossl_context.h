@@ -1,0 +1,36 @@
+#pragma once
+
+#include <openssl/types.h>
+
+// All libcrypto work of the module goes through a library context of its own,
+// so that nothing we do depends on or changes the OpenSSL set-up of the
+// application that loaded us (its configuration file, its providers, its
+// default context). Never use libcrypto calls that fall back on the default
+// context (EVP_sha256(), SHA256(), HMAC(), RAND_bytes() and the like).
+
+// The module's library context with the "default" provider (and, where the
+// system has it, the "legacy" provider) loaded. Created on first use; null if
+// it could not be set up.
+OSSL_LIB_CTX* crypto_libctx();
+
+// A message digest implementation fetched once from the module's context and
+// kept for the life of the process. `name` is one of "MD5", "SHA1",
+// "RIPEMD160", "SHA224", "SHA256", "SHA384", "SHA512"; anything else, or a
+// digest the providers lack, gives null. The caller must not free the result.
+const EVP_MD* crypto_md(const char* name);
+
+// The HMAC implementation of the module's context, fetched once; null if
+// unavailable. The caller must not free the result.
+EVP_MAC* crypto_hmac();
+
+// Keeps failures inside the crypto core from leaving entries in the calling
+// thread's OpenSSL error queue, which the application may be using itself:
+// everything queued during the guard's lifetime is dropped when it ends,
+// entries that were there before are left alone.
+class OsslErrorGuard {
+public:
+    OsslErrorGuard();
+    ~OsslErrorGuard();
+    OsslErrorGuard(const OsslErrorGuard&) = delete;
+    OsslErrorGuard& operator=(const OsslErrorGuard&) = delete;
+};

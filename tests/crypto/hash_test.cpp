@@ -1,0 +1,208 @@
+#include "crypto/crypto_errors.h"
+#include "crypto/hash.h"
+#include "hex_util.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace {
+
+const std::string kAbc = "abc";
+const std::string kAz = "abcdefghijklmnopqrstuvwxyz";
+const std::string kAlnum = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+const std::string kDigits80 =
+    "12345678901234567890123456789012345678901234567890123456789012345678901234567890";
+// The two-block examples of FIPS 180 (448 bits for the 512-bit-block hashes,
+// 896 bits for SHA-384/512).
+const std::string kTwoBlock448 = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
+const std::string kTwoBlock896 =
+    "abcdefghbcdefghicdefghijdefghijkefghijklfghijklmghijklmnhijklmno"
+    "ijklmnopjklmnopqklmnopqrlmnopqrsmnopqrstnopqrstu";
+
+struct HashVector {
+    int id;
+    std::string message;
+    std::string digest;
+};
+
+std::ostream& operator<<(std::ostream& os, const HashVector& v)
+{
+    return os << "hash " << v.id << " of \"" << v.message.substr(0, 20) << "\"";
+}
+
+const HashVector kPublished[] = {
+    // RFC 1319 (MD2; the full suite is in md2_test.cpp)
+    {HASH_MD2, kAbc, "da853b0d3f88d99b30283a69e6ded6bb"},
+    {HASH_MD2, kDigits80, "d5976f79d83d3a0dc9806c3c66f3efd8"},
+    // RFC 1321 (MD5)
+    {HASH_MD5, "", "d41d8cd98f00b204e9800998ecf8427e"},
+    {HASH_MD5, "a", "0cc175b9c0f1b6a831c399e269772661"},
+    {HASH_MD5, kAbc, "900150983cd24fb0d6963f7d28e17f72"},
+    {HASH_MD5, "message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
+    {HASH_MD5, kAz, "c3fcd3d76192e4007dfb496cca67e13b"},
+    {HASH_MD5, kAlnum, "d174ab98d277d9f5a5611c2c9f419d9f"},
+    {HASH_MD5, kDigits80, "57edf4a22be3c955ac49da2e2107b67a"},
+    // FIPS 180 examples
+    {HASH_SHA1, kAbc, "a9993e364706816aba3e25717850c26c9cd0d89d"},
+    {HASH_SHA1, kTwoBlock448, "84983e441c3bd26ebaae4aa1f95129e5e54670f1"},
+    {HASH_SHA224, kAbc, "23097d223405d8228642a477bda255b32aadbce4bda0b3f7e36c9da7"},
+    {HASH_SHA224, kTwoBlock448, "75388b16512776cc5dba5da1fd890150b0c6455cb4f58b1952522525"},
+    {HASH_SHA256, kAbc, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
+    {HASH_SHA256, kTwoBlock448, "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
+    {HASH_SHA384, kAbc,
+     "cb00753f45a35e8bb5a03d699ac65007272c32ab0eded1631a8b605a43ff5bed8086072ba1e7cc2358baeca134c825a7"},
+    {HASH_SHA384, kTwoBlock896,
+     "09330c33f71147e83d192fc782cd1b4753111b173b3b05d22fa08086e3b0f712fcc7c71a557e2db966c3e9fa91746039"},
+    {HASH_SHA512, kAbc,
+     "ddaf35a193617abacc417349ae20413112e6fa4e89a97ea20a9eeee64b55d39a"
+     "2192992a274fc1a836ba3c23a3feebbd454d4423643ce80e2a9ac94fa54ca49f"},
+    {HASH_SHA512, kTwoBlock896,
+     "8e959b75dae313da8cf4f72814fc143f8f7779c6eb9f7fa17299aeadb6889018"
+     "501d289e4900f7e4331b99dec4b5433ac7d329eeb6dd26545e96e55b874be909"},
+    // RIPEMD-160, its authors' test vectors
+    {HASH_RIPEMD160, "", "9c1185a5c5e9fc54612808977ee8f548b2258d31"},
+    {HASH_RIPEMD160, "a", "0bdc9d2d256b3ee9daae347be6f4dc835a467ffe"},
+    {HASH_RIPEMD160, kAbc, "8eb208f7e05d987a9b044a8e98c6b087f15a0bfc"},
+    {HASH_RIPEMD160, "message digest", "5d0689ef49d2fae572b881b123a85ffa21595f36"},
+    {HASH_RIPEMD160, kAz, "f71c27109c692c1b56bbdceb5b9d2865b3708dbc"},
+    {HASH_RIPEMD160, kTwoBlock448, "12a053384a9c0c88e405a06c27dcf49ada62eb2b"},
+    {HASH_RIPEMD160, kAlnum, "b0e20b6e3116640286ed3a87a5713079b21f5189"},
+    {HASH_RIPEMD160, kDigits80, "9b752e45573d4b39f4dbd3323cab82bf63326bfb"},
+};
+
+// A million 'a', published for every hash here except MD2.
+const HashVector kMillionA[] = {
+    {HASH_MD5, "", "7707d6ae4e027c70eea2a935c2296f21"},
+    {HASH_SHA1, "", "34aa973cd4c4daa4f61eeb2bdbad27316534016f"},
+    {HASH_SHA224, "", "20794655980c91d8bbb4c1ea97618a4bf03f42581948b2ee4ee7ad67"},
+    {HASH_SHA256, "", "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"},
+    {HASH_SHA384, "",
+     "9d0e1809716474cb086e834e310a4a1ced149e9c00f248527972cec5704c2a5b07b8b3dc38ecc4ebae97ddd87f3d8985"},
+    {HASH_SHA512, "",
+     "e718483d0ce769644e2e42c7bc15b4638e1f98b13b2044285632a803afa973eb"
+     "de0ff244877ea60a4cb0432ce577c31beb009c5c2c49aa2e4eadb217ad8cc09b"},
+    {HASH_RIPEMD160, "", "52783243c1697bdbe16d37f97f68f08325dc1528"},
+};
+
+// Runs start/do/stop, feeding `data` in pieces whose sizes cycle through
+// `pieces`, with an empty update between every two pieces.
+std::string hashInPieces(int id, const unsigned char* data, size_t len,
+                         const std::vector<size_t>& pieces)
+{
+    hash_context* ctx = nullptr;
+    EXPECT_EQ(start_hash(id, &ctx), CRYPTO_OK);
+    size_t off = 0;
+    for (size_t i = 0; off < len; ++i) {
+        const size_t n = std::min(pieces[i % pieces.size()], len - off);
+        EXPECT_EQ(do_hash(ctx, data + off, n), CRYPTO_OK);
+        EXPECT_EQ(do_hash(ctx, nullptr, 0), CRYPTO_OK);
+        off += n;
+    }
+    std::vector<unsigned char> digest(hash_digestLength(id));
+    EXPECT_EQ(stop_hash(ctx, digest.data()), CRYPTO_OK);
+    return toHex(digest);
+}
+
+class HashPublishedVectors : public ::testing::TestWithParam<HashVector> {};
+
+TEST_P(HashPublishedVectors, OneShotGivesPublishedDigest)
+{
+    const HashVector& v = GetParam();
+    const auto msg = bytesOf(v.message);
+    std::vector<unsigned char> digest(hash_digestLength(v.id));
+    ASSERT_EQ(digest.size() * 2, v.digest.size());
+    ASSERT_EQ(hash_buffer(v.id, msg.data(), msg.size(), digest.data()), CRYPTO_OK);
+    EXPECT_EQ(toHex(digest), v.digest);
+}
+
+TEST_P(HashPublishedVectors, PiecewiseInputGivesPublishedDigest)
+{
+    const HashVector& v = GetParam();
+    const auto msg = bytesOf(v.message);
+    EXPECT_EQ(hashInPieces(v.id, msg.data(), msg.size(), {1}), v.digest);
+    EXPECT_EQ(hashInPieces(v.id, msg.data(), msg.size(), {3, 14, 17}), v.digest);
+}
+
+INSTANTIATE_TEST_SUITE_P(AllHashes, HashPublishedVectors, ::testing::ValuesIn(kPublished));
+
+class HashMillionA : public ::testing::TestWithParam<HashVector> {};
+
+// Irregular pieces around the 16/64/128-byte block sizes make updates start
+// and end at every kind of offset inside a block.
+TEST_P(HashMillionA, BlockStraddlingPiecesGivePublishedDigest)
+{
+    const std::vector<unsigned char> million(1000000, 'a');
+    EXPECT_EQ(hashInPieces(GetParam().id, million.data(), million.size(),
+                           {1, 63, 64, 65, 127, 128, 129, 1000, 4099}),
+              GetParam().digest);
+}
+
+INSTANTIATE_TEST_SUITE_P(AllButMd2, HashMillionA, ::testing::ValuesIn(kMillionA));
+
+TEST(HashIdentifiers, KnownIdentifiersReportTheirDigestLength)
+{
+    EXPECT_EQ(hash_digestLength(HASH_MD2), 16u);
+    EXPECT_EQ(hash_digestLength(HASH_MD5), 16u);
+    EXPECT_EQ(hash_digestLength(HASH_SHA1), 20u);
+    EXPECT_EQ(hash_digestLength(HASH_RIPEMD160), 20u);
+    EXPECT_EQ(hash_digestLength(HASH_SHA224), 28u);
+    EXPECT_EQ(hash_digestLength(HASH_SHA256), 32u);
+    EXPECT_EQ(hash_digestLength(HASH_SHA384), 48u);
+    EXPECT_EQ(hash_digestLength(HASH_SHA512), 64u);
+}
+
+TEST(HashIdentifiers, UnknownIdentifierHasNoLengthAndCannotStart)
+{
+    for (int id : {-1, 0, 1, 4, 7, 14, 1000}) {
+        SCOPED_TRACE(id);
+        EXPECT_EQ(hash_digestLength(id), 0u);
+        hash_context* ctx = reinterpret_cast<hash_context*>(&id);   // must be overwritten
+        EXPECT_NE(start_hash(id, &ctx), CRYPTO_OK);
+        EXPECT_EQ(ctx, nullptr);
+        unsigned char digest[HASH_MAX_DIGEST_LENGTH];
+        EXPECT_NE(hash_buffer(id, nullptr, 0, digest), CRYPTO_OK);
+    }
+}
+
+TEST(HashLifecycle, AbortedHashDoesNotDisturbOthers)
+{
+    hash_context* aborted = nullptr;
+    hash_context* kept = nullptr;
+    ASSERT_EQ(start_hash(HASH_SHA256, &aborted), CRYPTO_OK);
+    ASSERT_EQ(start_hash(HASH_SHA256, &kept), CRYPTO_OK);
+    ASSERT_EQ(do_hash(aborted, reinterpret_cast<const unsigned char*>("xyz"), 3), CRYPTO_OK);
+    ASSERT_EQ(do_hash(kept, reinterpret_cast<const unsigned char*>("abc"), 3), CRYPTO_OK);
+    abort_hash(aborted);
+    abort_hash(nullptr);
+    unsigned char digest[32];
+    ASSERT_EQ(stop_hash(kept, digest), CRYPTO_OK);
+    EXPECT_EQ(toHex(digest, 32), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+
+    hash_context* md2 = nullptr;
+    ASSERT_EQ(start_hash(HASH_MD2, &md2), CRYPTO_OK);
+    abort_hash(md2);
+}
+
+TEST(HashLifecycle, BadArgumentsAreRefused)
+{
+    EXPECT_EQ(start_hash(HASH_SHA1, nullptr), CRYPTO_ERR_BAD_PARAMETER);
+    EXPECT_EQ(do_hash(nullptr, nullptr, 0), CRYPTO_ERR_BAD_PARAMETER);
+    EXPECT_EQ(stop_hash(nullptr, nullptr), CRYPTO_ERR_BAD_PARAMETER);
+
+    hash_context* ctx = nullptr;
+    ASSERT_EQ(start_hash(HASH_SHA1, &ctx), CRYPTO_OK);
+    EXPECT_EQ(do_hash(ctx, nullptr, 1), CRYPTO_ERR_BAD_PARAMETER);
+    // Stopping without an output buffer fails but still releases the hash
+    // (the sanitizer build reports a leak otherwise).
+    EXPECT_EQ(stop_hash(ctx, nullptr), CRYPTO_ERR_BAD_PARAMETER);
+
+    unsigned char digest[20];
+    EXPECT_EQ(hash_buffer(HASH_SHA1, nullptr, 5, digest), CRYPTO_ERR_BAD_PARAMETER);
+    EXPECT_EQ(hash_buffer(HASH_SHA1, digest, 5, nullptr), CRYPTO_ERR_BAD_PARAMETER);
+}
+
+} // namespace
