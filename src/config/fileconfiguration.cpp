@@ -1,5 +1,8 @@
 #include "config/fileconfiguration.h"
 
+#include <mutex>
+
+#include <QCoreApplication>
 #include <QFileInfo>
 #include <QStringList>
 #include <QVariant>
@@ -30,6 +33,24 @@ ByteArray decodeBase64AsFarAsItGoes(const QByteArray& text)
     } catch (const base64::bad_format& e) {
         return e.decodedSoFar();
     }
+}
+
+void ignoreQtMessage(QtMsgType, const QMessageLogContext&, const QString&) {}
+
+// The TLS certificate classes load their backend plugin on first use. In a
+// host process that is not a Qt application the plugin loader complains on
+// standard error that there is no application object to connect to; the
+// module must stay silent in other people's processes, so that one-time
+// start-up runs with Qt's messages swallowed. Qt applications are left alone.
+void initialiseTlsBackendQuietly()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        if (QCoreApplication::instance()) return;
+        const QtMessageHandler previous = qInstallMessageHandler(ignoreQtMessage);
+        (void)QSslCertificate(QByteArray(), QSsl::Der);
+        qInstallMessageHandler(previous);
+    });
 }
 
 }  // namespace
@@ -169,6 +190,7 @@ QString FileConfiguration::hardcodedUserAgent() const
 
 QList<QSslCertificate> FileConfiguration::sslRootCerts() const
 {
+    initialiseTlsBackendQuietly();
     QList<QSslCertificate> certificates;
     const QString text = stringValue("sslRootCert", QString::fromLatin1(deployment_defaults::kSslRootCertsBase64));
     for (const QString& piece : text.split(QLatin1Char(','), Qt::SkipEmptyParts)) {

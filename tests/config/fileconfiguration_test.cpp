@@ -24,8 +24,8 @@ QString settingsDir()
     return tempHome() + QStringLiteral("/.config/Tessaract");
 }
 
-// A self-signed certificate made for this test, base64 DER.
-const char* const kTestCertificate =
+// Valid base64 whose bytes are the start of a certificate, cut short.
+const char* const kNotACertificate =
     "MIIBmzCCAUGgAwIBAgIUOYQf2JAr1v4hOjn1xzyjAWz3QqswCgYIKoZIzj0EAwIwIzEhMB8GA1UEAwwYS29ydm8gdGVzdCBjb25m"
     "aWd1cmF0aW9uMB4XDTI2MTEyMTE3MDAwMFoXDTM2MTExODE3MDAwMFowIzEhMB8GA1UEAwwYS29ydm8gdGVzdCBjb25maWd1cmF0"
     "aW9uMFkwEwYHKoZIzj0CAQYIKoZIzj0DAQcDQgAE";
@@ -151,7 +151,7 @@ TEST_F(FileConfigurationTest, SslRootCertsSkipsEmptyAndUndecodablePieces)
     EXPECT_EQ(certs[0], builtIn[0]);
     EXPECT_EQ(certs[1], builtIn[1]);
 
-    setSetting("sslRootCert", kTestCertificate);  // truncated DER
+    setSetting("sslRootCert", kNotACertificate);
     EXPECT_TRUE(FileConfiguration().sslRootCerts().isEmpty());
 }
 
@@ -186,4 +186,12 @@ TEST_F(FileConfigurationTest, AnotherApplicationNameReadsAnotherFile)
 {
     setSetting("ProxyPort", "1");
     EXPECT_EQ(FileConfiguration("KorvoOther").proxyPort(), 808);
+}
+
+TEST_F(FileConfigurationTest, ReadingTlsCertificatesWritesNothingToStandardError)
+{
+    // The host process is not a Qt application here, as in a browser.
+    ::testing::internal::CaptureStderr();
+    FileConfiguration().sslRootCerts();
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }

@@ -1,6 +1,7 @@
 #include "support/temp_home.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include <QDir>
@@ -22,7 +23,18 @@ std::string makeHome()
 
 // Runs during static initialisation, before any test touches the settings
 // store (the store works out its paths on first use).
+// Removes the temporary home when the test program ends.
+struct HomeRemover {
+    std::string path;
+    ~HomeRemover()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+};
+
 const std::string home = makeHome();
+const HomeRemover remover{home};
 
 
 }  // namespace
