@@ -3,9 +3,9 @@
 #include <cstddef>
 
 // Deterministic random bit generator: HMAC-DRBG with HMAC-SHA-256 as
-// described in NIST SP 800-90A, section 10.1.2. It has no entropy source of
-// its own; callers seed it and reseed it with fresh entropy. All functions
-// return CRYPTO_OK or one of the negative codes of crypto/crypto_errors.h.
+// described in NIST SP 800-90A. It has no entropy source of its own; callers
+// seed it and reseed it with fresh entropy. All functions return CRYPTO_OK or
+// one of the negative codes of crypto/crypto_errors.h.
 
 // Smallest seed csprgbg_init() accepts: the generator's 256-bit security
 // strength worth of entropy.
@@ -33,6 +33,10 @@ int csprgbg_reseed(csprgbg_state* state, const unsigned char* seed, size_t seedL
 // number of requests since it was last seeded. On any failure `out` is
 // wiped rather than left partly filled.
 int csprgbg_bytes(csprgbg_state* state, unsigned char* out, size_t len);
+
+// Should libcrypto fail in the middle of an operation, the generator's state
+// is no longer trustworthy: every later reseed or request on it returns
+// CRYPTO_ERR_FAILED, and it can only be freed.
 
 // Wipes and frees the generator and sets *state to null. Null is ignored.
 int csprgbg_exit(csprgbg_state** state);

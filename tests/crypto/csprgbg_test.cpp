@@ -183,21 +183,6 @@ TEST(Csprgbg, SameSeedGivesSameOutputAndPersonalisationChangesIt)
     csprgbg_exit(&c);
 }
 
-TEST(Csprgbg, ReseedWithCallerDataChangesTheStream)
-{
-    const Bytes seed = pattern(32, 9);
-    csprgbg_state* a = nullptr;
-    csprgbg_state* b = nullptr;
-    ASSERT_EQ(csprgbg_init(&a, seed.data(), seed.size(), nullptr, 0), CRYPTO_OK);
-    ASSERT_EQ(csprgbg_init(&b, seed.data(), seed.size(), nullptr, 0), CRYPTO_OK);
-    const unsigned char extra[] = {1, 2, 3};
-    EXPECT_EQ(csprgbg_reseed(a, extra, sizeof(extra)), CRYPTO_OK);
-    EXPECT_EQ(csprgbg_reseed(b, nullptr, 0), CRYPTO_OK);
-    EXPECT_NE(generate(a, 32), generate(b, 32));
-    csprgbg_exit(&a);
-    csprgbg_exit(&b);
-}
-
 TEST(Csprgbg, SeedShorterThanSecurityStrengthIsRefused)
 {
     const Bytes seed = pattern(CSPRGBG_MIN_SEED_BYTES - 1, 1);

@@ -12,7 +12,6 @@
 namespace {
 
 const std::string kAbc = "abc";
-const std::string kAz = "abcdefghijklmnopqrstuvwxyz";
 const std::string kAlnum = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
 const std::string kDigits80 =
     "12345678901234567890123456789012345678901234567890123456789012345678901234567890";
@@ -35,15 +34,11 @@ std::ostream& operator<<(std::ostream& os, const HashVector& v)
 }
 
 const HashVector kPublished[] = {
-    // RFC 1319 (MD2; the full suite is in md2_test.cpp)
+    // RFC 1319 (MD2; the full suite is in md2_test.cpp, this checks the dispatch)
     {HASH_MD2, kAbc, "da853b0d3f88d99b30283a69e6ded6bb"},
-    {HASH_MD2, kDigits80, "d5976f79d83d3a0dc9806c3c66f3efd8"},
     // RFC 1321 (MD5)
     {HASH_MD5, "", "d41d8cd98f00b204e9800998ecf8427e"},
-    {HASH_MD5, "a", "0cc175b9c0f1b6a831c399e269772661"},
     {HASH_MD5, kAbc, "900150983cd24fb0d6963f7d28e17f72"},
-    {HASH_MD5, "message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
-    {HASH_MD5, kAz, "c3fcd3d76192e4007dfb496cca67e13b"},
     {HASH_MD5, kAlnum, "d174ab98d277d9f5a5611c2c9f419d9f"},
     {HASH_MD5, kDigits80, "57edf4a22be3c955ac49da2e2107b67a"},
     // FIPS 180 examples
@@ -65,10 +60,7 @@ const HashVector kPublished[] = {
      "501d289e4900f7e4331b99dec4b5433ac7d329eeb6dd26545e96e55b874be909"},
     // RIPEMD-160, its authors' test vectors
     {HASH_RIPEMD160, "", "9c1185a5c5e9fc54612808977ee8f548b2258d31"},
-    {HASH_RIPEMD160, "a", "0bdc9d2d256b3ee9daae347be6f4dc835a467ffe"},
     {HASH_RIPEMD160, kAbc, "8eb208f7e05d987a9b044a8e98c6b087f15a0bfc"},
-    {HASH_RIPEMD160, "message digest", "5d0689ef49d2fae572b881b123a85ffa21595f36"},
-    {HASH_RIPEMD160, kAz, "f71c27109c692c1b56bbdceb5b9d2865b3708dbc"},
     {HASH_RIPEMD160, kTwoBlock448, "12a053384a9c0c88e405a06c27dcf49ada62eb2b"},
     {HASH_RIPEMD160, kAlnum, "b0e20b6e3116640286ed3a87a5713079b21f5189"},
     {HASH_RIPEMD160, kDigits80, "9b752e45573d4b39f4dbd3323cab82bf63326bfb"},
@@ -142,18 +134,6 @@ TEST_P(HashMillionA, BlockStraddlingPiecesGivePublishedDigest)
 }
 
 INSTANTIATE_TEST_SUITE_P(AllButMd2, HashMillionA, ::testing::ValuesIn(kMillionA));
-
-TEST(HashIdentifiers, KnownIdentifiersReportTheirDigestLength)
-{
-    EXPECT_EQ(hash_digestLength(HASH_MD2), 16u);
-    EXPECT_EQ(hash_digestLength(HASH_MD5), 16u);
-    EXPECT_EQ(hash_digestLength(HASH_SHA1), 20u);
-    EXPECT_EQ(hash_digestLength(HASH_RIPEMD160), 20u);
-    EXPECT_EQ(hash_digestLength(HASH_SHA224), 28u);
-    EXPECT_EQ(hash_digestLength(HASH_SHA256), 32u);
-    EXPECT_EQ(hash_digestLength(HASH_SHA384), 48u);
-    EXPECT_EQ(hash_digestLength(HASH_SHA512), 64u);
-}
 
 TEST(HashIdentifiers, UnknownIdentifierHasNoLengthAndCannotStart)
 {
