@@ -1,6 +1,7 @@
 // Walks through what the module's inner layers already do, against the home
 // directory it is started with (tools/demo.sh gives it a sandbox):
-// configuration, the hash engine on a file, the random generator and the log.
+// configuration, the hash engine on a file, the random generator, the log
+// and the PKCS#11 call trace.
 //
 //     korvo_demo <file to hash>
 
@@ -18,6 +19,7 @@
 #include "crypto/hash.h"
 #include "deps/cpp_modules/SecureRandomNumberGenerator.h"
 #include "logging/SimpleLogManager.h"
+#include "pkcs11/db/Tavik_p11trace.h"
 
 namespace {
 
@@ -74,18 +76,28 @@ bool showRandom()
 
 void showLog()
 {
-    heading("Log file (logging switched on for the demo)");
+    heading("Log file, with logging switched on for the demo");
     using namespace TSQ::Tavik::Logging;
     FileConfiguration cfg;
-    SimpleLogManager* manager = SimpleLogManager::GetInstance();
     QDir().mkpath(QFileInfo(cfg.logFile()).absolutePath());
-    manager->Init(cfg, "Korvo demo");  // leaves logging off, as the module does
+    // Opening the trace reads the configuration and leaves logging off, as
+    // every C_Initialize does; the demo then switches it on.
+    TSQ_Trace_Init();
+    SimpleLogManager* manager = SimpleLogManager::GetInstance();
     manager->SetLogging(true);
     manager->SetLevel(ITavikLogger::TRACE);
-    ITavikLogger* logger = manager->GetLogger("korvo_demo.cpp");
-    logger->Info(__LINE__, "An information line");
-    logger->Trace(__LINE__, "A trace line");
-    logger->Error(__LINE__, "An error line");
+
+    // The lines a traced C_Login would write, with the PIN withheld.
+    const char pin[] = "1234";
+    std::vector<unsigned char> block(300, 0xAB);
+    TSQ_Trace(3, "Entering %s", "C_Login");
+    TSQ_Trace(4, "In:");
+    TSQ_Trace(4, "hSession = %u", 1u);
+    TSQ_TraceSecureBytes(P11TraceContext, 4, "pPin", pin, 4);
+    TSQ_TraceBytes(P11TraceContext, 4, "pSignature", block.data(), block.size());
+    TSQ_TraceWithRv(P11TraceContext, 1, "C_Login", CKR_USER_ALREADY_LOGGED_IN);
+    TSQ_Trace(5, "a lock line, never written");
+
     QFile file(cfg.logFile());
     if (file.open(QIODevice::ReadOnly)) std::printf("%s", file.readAll().constData());
 }

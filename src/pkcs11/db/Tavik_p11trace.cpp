@@ -99,7 +99,11 @@ void TSQ_Trace_Exit()
 
 bool TSQ_TraceEnabled(const TSQ_TraceContext* context, int level)
 {
-    return context && context->logger && level >= 1 && level <= 4 && level <= context->threshold;
+    // A switched-off logger writes nothing, so nothing is formatted for it
+    // either: with logging off (its state after start) a traced call costs
+    // only these tests.
+    return context && context->logger && level >= 1 && level <= 4 && level <= context->threshold &&
+           context->logger->GetEnabled();
 }
 
 void TSQ_TraceLine(const TSQ_TraceContext* context, int level, const std::string& text)
