@@ -9,7 +9,6 @@ packages=(
   libssl-dev openssl
   libnss3-dev libnspr4-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev
 )
 
 missing=()

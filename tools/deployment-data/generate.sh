@@ -9,7 +9,7 @@ work=$(mktemp -d); trap 'rm -rf "$work"' EXIT
 cd "$work"
 
 spki_hex() { openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 2>/dev/null |
-             openssl pkey -pubout -outform DER | xxd -p -u | tr -d '\n'; }
+             openssl pkey -pubout -outform DER | od -An -v -tx1 | tr -d ' \n' | tr a-f A-F; }
 b64() { base64 -w0; }
 
 outer=$(spki_hex); inner=$(spki_hex)
