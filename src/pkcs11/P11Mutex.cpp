@@ -1,0 +1,114 @@
+#include "pkcs11/P11Mutex.h"
+
+#include <pthread.h>
+
+#include <new>
+
+CK_CREATEMUTEX CreateMutexPointer = nullptr;
+CK_DESTROYMUTEX DestroyMutexPointer = nullptr;
+CK_LOCKMUTEX LockMutexPointer = nullptr;
+CK_UNLOCKMUTEX UnlockMutexPointer = nullptr;
+
+namespace {
+
+void chooseMutexFuncs(CK_CREATEMUTEX create, CK_DESTROYMUTEX destroy, CK_LOCKMUTEX lock, CK_UNLOCKMUTEX unlock)
+{
+    CreateMutexPointer = create;
+    DestroyMutexPointer = destroy;
+    LockMutexPointer = lock;
+    UnlockMutexPointer = unlock;
+}
+
+}  // namespace
+
+CK_RV P11_InitializeMutexFuncs(CK_C_INITIALIZE_ARGS_PTR args)
+{
+    if (!args) {
+        chooseMutexFuncs(nullptr, nullptr, nullptr, nullptr);
+        return CKR_OK;
+    }
+    // The standard argument structure ends with pReserved right after the
+    // flags; the header we build with names that field LibraryParameters
+    // and adds a further one that callers following the standard do not
+    // have, so it must never be read.
+    if (args->LibraryParameters) return CKR_ARGUMENTS_BAD;
+    const bool othersAllSet = args->DestroyMutex && args->LockMutex && args->UnlockMutex;
+    const bool othersAnySet = args->DestroyMutex || args->LockMutex || args->UnlockMutex;
+    if (args->CreateMutex) {
+        if (!othersAllSet) return CKR_ARGUMENTS_BAD;
+        chooseMutexFuncs(args->CreateMutex, args->DestroyMutex, args->LockMutex, args->UnlockMutex);
+        return CKR_OK;
+    }
+    if (othersAnySet) return CKR_ARGUMENTS_BAD;
+    if (args->flags & CKF_OS_LOCKING_OK)
+        chooseMutexFuncs(I_CreateMutex, I_DestroyMutex, I_LockMutex, I_UnlockMutex);
+    else
+        chooseMutexFuncs(nullptr, nullptr, nullptr, nullptr);
+    return CKR_OK;
+}
+
+CK_RV I_CreateMutex(CK_VOID_PTR_PTR mutex)
+{
+    if (!mutex) return CKR_ARGUMENTS_BAD;
+    pthread_mutex_t* m = new (std::nothrow) pthread_mutex_t;
+    if (!m) return CKR_HOST_MEMORY;
+    if (pthread_mutex_init(m, nullptr) != 0) {
+        delete m;
+        return CKR_GENERAL_ERROR;
+    }
+    *mutex = m;
+    return CKR_OK;
+}
+
+CK_RV I_DestroyMutex(CK_VOID_PTR mutex)
+{
+    pthread_mutex_t* m = static_cast<pthread_mutex_t*>(mutex);
+    if (!m || pthread_mutex_destroy(m) != 0) return CKR_GENERAL_ERROR;
+    delete m;
+    return CKR_OK;
+}
+
+CK_RV I_LockMutex(CK_VOID_PTR mutex)
+{
+    if (!mutex || pthread_mutex_lock(static_cast<pthread_mutex_t*>(mutex)) != 0) return CKR_GENERAL_ERROR;
+    return CKR_OK;
+}
+
+CK_RV I_UnlockMutex(CK_VOID_PTR mutex)
+{
+    if (!mutex || pthread_mutex_unlock(static_cast<pthread_mutex_t*>(mutex)) != 0) return CKR_GENERAL_ERROR;
+    return CKR_OK;
+}
+
+CK_RV P11Mutex_construct(P11MutexHandle* mutex)
+{
+    *mutex = nullptr;
+    if (!CreateMutexPointer) return CKR_OK;
+    return CreateMutexPointer(mutex);
+}
+
+CK_RV P11Mutex_destruct(P11MutexHandle* mutex)
+{
+    if (!DestroyMutexPointer || !*mutex) return CKR_OK;
+    const CK_RV rv = DestroyMutexPointer(*mutex);
+    if (rv == CKR_OK) *mutex = nullptr;
+    return rv;
+}
+
+CK_RV P11Mutex_lock(P11MutexHandle mutex)
+{
+    if (!LockMutexPointer) return CKR_OK;
+    return LockMutexPointer(mutex);
+}
+
+CK_RV P11Mutex_unlock(P11MutexHandle mutex)
+{
+    if (!UnlockMutexPointer) return CKR_OK;
+    return UnlockMutexPointer(mutex);
+}
+
+CK_RV P11_createGlobalLock() { return CKR_OK; }
+CK_RV P11_createGlobalFunctionLock() { return CKR_OK; }
+CK_RV P11_destroyGlobalLock() { return CKR_OK; }
+CK_RV P11_globalLock() { return CKR_OK; }
+CK_RV P11_globalUnlock() { return CKR_OK; }

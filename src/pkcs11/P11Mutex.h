@@ -1,0 +1,40 @@
+#pragma once
+// Mutexes of the token, its sessions and its objects. Every mutex is made,
+// taken and released through the four operations C_Initialize chose: the
+// application's callbacks, the library's own POSIX mutexes (I_*Mutex), or
+// none at all, in which case every operation succeeds and does nothing.
+//
+// A lock record is one word owned by the caller: 0 while nothing is held,
+// else the handle of the mutex held. Unlocking a 0 record does nothing, so
+// every exit path can unlock unconditionally.
+
+#include "pkcs11/cryptoki.h"
+
+typedef CK_VOID_PTR P11MutexHandle;
+typedef CK_VOID_PTR P11LockRecord;
+
+extern CK_CREATEMUTEX CreateMutexPointer;
+extern CK_DESTROYMUTEX DestroyMutexPointer;
+extern CK_LOCKMUTEX LockMutexPointer;
+extern CK_UNLOCKMUTEX UnlockMutexPointer;
+
+// Chooses the mutex operations from C_Initialize's arguments.
+CK_RV P11_InitializeMutexFuncs(CK_C_INITIALIZE_ARGS_PTR args);
+
+// The library's own mutexes: non-recursive POSIX mutexes.
+CK_RV I_CreateMutex(CK_VOID_PTR_PTR mutex);
+CK_RV I_DestroyMutex(CK_VOID_PTR mutex);
+CK_RV I_LockMutex(CK_VOID_PTR mutex);
+CK_RV I_UnlockMutex(CK_VOID_PTR mutex);
+
+CK_RV P11Mutex_construct(P11MutexHandle* mutex);
+CK_RV P11Mutex_destruct(P11MutexHandle* mutex);
+CK_RV P11Mutex_lock(P11MutexHandle mutex);
+CK_RV P11Mutex_unlock(P11MutexHandle mutex);
+
+// The global function lock: made and destroyed with the token, never taken.
+CK_RV P11_createGlobalLock();
+CK_RV P11_createGlobalFunctionLock();
+CK_RV P11_destroyGlobalLock();
+CK_RV P11_globalLock();
+CK_RV P11_globalUnlock();

@@ -1,0 +1,597 @@
+#include "pkcs11/P11Token.h"
+
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "crypto/crypto_errors.h"
+#include "crypto/csprgbg.h"
+#include "pkcs11/P11ObjList.h"
+#include "pkcs11/P11Session.h"
+#include "pkcs11/P11SessionList.h"
+#include "pkcs11/db/P11DB.h"
+#include "pkcs11/db/Tavik_p11trace.h"
+#include "pkcs11/objects/P11Obj.h"
+
+// "Tavik A/S" blank-padded to 25 characters; the last 7 bytes stay zero.
+const CK_UTF8CHAR manufacturerID[32] = {'T', 'a', 'v', 'i', 'k', ' ', 'A', '/', 'S', ' ', ' ', ' ', ' ', ' ', ' ', ' ',
+                                        ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', 0,   0,   0,   0,   0,   0,   0};
+
+namespace {
+
+const char kSlotDescription[] = "Korvo slot";
+const char kModel[] = "Korvo token";
+const CK_ULONG kTokenFlags = CKF_RNG | CKF_WRITE_PROTECTED | CKF_USER_PIN_INITIALIZED | CKF_TOKEN_INITIALIZED;
+
+struct MechanismRow {
+    CK_MECHANISM_TYPE type;
+    CK_MECHANISM_INFO info;
+};
+
+const CK_FLAGS kRsaAll = CKF_HW | CKF_ENCRYPT | CKF_DECRYPT | CKF_SIGN | CKF_VERIFY | CKF_WRAP | CKF_UNWRAP;
+const CK_FLAGS kRsaOaep = CKF_HW | CKF_ENCRYPT | CKF_DECRYPT | CKF_WRAP | CKF_UNWRAP;
+const CK_FLAGS kRsaSign = CKF_HW | CKF_SIGN | CKF_VERIFY;
+const CK_FLAGS kCipher = CKF_ENCRYPT | CKF_DECRYPT | CKF_WRAP | CKF_UNWRAP;
+
+// The mechanisms the token reports, in the order it reports them.
+const MechanismRow mechanismList[] = {
+    {CKM_RSA_PKCS, {64, 4096, kRsaAll}},
+    {CKM_RSA_PKCS_OAEP, {64, 4096, kRsaOaep}},
+    {CKM_RSA_X_509, {64, 4096, kRsaAll}},
+    {CKM_SHA1_RSA_PKCS, {64, 4096, kRsaSign}},
+    {CKM_SHA256_RSA_PKCS, {64, 4096, kRsaSign}},
+    {CKM_SHA384_RSA_PKCS, {64, 4096, kRsaSign}},
+    {CKM_SHA512_RSA_PKCS, {64, 4096, kRsaSign}},
+    {CKM_RSA_PKCS_PSS, {64, 4096, kRsaSign}},
+    {CKM_SHA1_RSA_PKCS_PSS, {64, 4096, kRsaSign}},
+    {CKM_SHA256_RSA_PKCS_PSS, {64, 4096, kRsaSign}},
+    {CKM_SHA384_RSA_PKCS_PSS, {64, 4096, kRsaSign}},
+    {CKM_SHA512_RSA_PKCS_PSS, {64, 4096, kRsaSign}},
+    {CKM_DES_KEY_GEN, {8, 8, CKF_GENERATE}},
+    {CKM_DES_ECB, {8, 8, kCipher}},
+    {CKM_DES_CBC, {8, 8, kCipher}},
+    {CKM_DES_CBC_PAD, {8, 8, kCipher}},
+    {CKM_DES2_KEY_GEN, {16, 16, CKF_GENERATE}},
+    {CKM_DES3_KEY_GEN, {24, 24, CKF_GENERATE}},
+    {CKM_DES3_ECB, {16, 24, kCipher}},
+    {CKM_DES3_CBC, {16, 24, kCipher}},
+    {CKM_DES3_CBC_PAD, {16, 24, kCipher}},
+    {CKM_AES_KEY_GEN, {16, 64, CKF_GENERATE}},
+    {CKM_AES_ECB, {16, 64, kCipher}},
+    {CKM_AES_CBC, {16, 64, kCipher}},
+    {CKM_AES_CBC_PAD, {16, 64, kCipher}},
+    {CKM_RC2_KEY_GEN, {1, 128, CKF_GENERATE}},
+    {CKM_RC2_ECB, {1, 128, kCipher}},
+    {CKM_RC2_CBC, {1, 128, kCipher}},
+    {CKM_RC2_CBC_PAD, {1, 128, kCipher}},
+    {CKM_RC4_KEY_GEN, {1, 256, CKF_GENERATE}},
+    {CKM_RC4, {1, 256, kCipher}},
+};
+const CK_ULONG mechanismListSize = sizeof mechanismList / sizeof mechanismList[0];
+static_assert(sizeof mechanismList / sizeof mechanismList[0] == 31, "the token reports 31 mechanisms");
+
+// Blank-padded copy of a text into a fixed-width field.
+template <size_t N>
+void setField(CK_UTF8CHAR (&field)[N], const char* text)
+{
+    std::memset(field, ' ', N);
+    std::memcpy(field, text, std::strlen(text));
+}
+
+// Releases a lock record at the end of a scope, keeping the first failure.
+class TokenLock {
+public:
+    TokenLock(P11Token* token, CK_RV (*unlock)(P11Token*, P11LockRecord*)) : token_(token), unlock_(unlock) {}
+    P11LockRecord* record() { return &record_; }
+    // Unlocks now; a failed unlock replaces a successful result.
+    CK_RV release(CK_RV rv)
+    {
+        const CK_RV unlockRv = unlock_(token_, &record_);
+        record_ = nullptr;  // a failed unlock is reported, not retried
+        return rv != CKR_OK ? rv : unlockRv;
+    }
+    ~TokenLock() { unlock_(token_, &record_); }
+
+private:
+    P11Token* token_;
+    CK_RV (*unlock_)(P11Token*, P11LockRecord*);
+    P11LockRecord record_ = nullptr;
+};
+
+CK_RV get_next_handle(P11Token* token, CK_ULONG* handle)
+{
+    TokenLock lock(token, P11TokenObjectHandleCnt_unlock);
+    const CK_RV rv = P11TokenObjectHandleCnt_lock(token, lock.record());
+    if (rv != CKR_OK) return rv;
+    *handle = ++token->handleCounter;
+    return lock.release(CKR_OK);
+}
+
+// Runs an operation on the token's generator under the handle mutex.
+template <typename Operation>
+CK_RV withGenerator(P11Token* token, Operation operation)
+{
+    TokenLock lock(token, P11TokenObjectHandleCnt_unlock);
+    const CK_RV rv = P11TokenObjectHandleCnt_lock(token, lock.record());
+    if (rv != CKR_OK) return rv;
+    return lock.release(operation() == CRYPTO_OK ? CKR_OK : CKR_GENERAL_ERROR);
+}
+
+CK_RV lockMutex(P11MutexHandle mutex, P11LockRecord* record, const char* locking, const char* locked)
+{
+    TSQ_Trace(5, locking, mutex);
+    const CK_RV rv = P11Mutex_lock(mutex);
+    if (rv != CKR_OK) return rv;
+    *record = mutex;
+    TSQ_Trace(5, locked, mutex);
+    return CKR_OK;
+}
+
+CK_RV unlockMutex(P11LockRecord* record, const char* unlocking, const char* unlocked)
+{
+    if (!*record) return CKR_OK;
+    TSQ_Trace(5, unlocking, *record);
+    const CK_RV rv = P11Mutex_unlock(*record);
+    if (rv != CKR_OK) return rv;
+    TSQ_Trace(5, unlocked, *record);
+    *record = nullptr;
+    return CKR_OK;
+}
+
+// Tears down what construction built, in reverse order. Each step tolerates
+// a part that was never built.
+CK_RV teardown(P11Token* token)
+{
+    CK_RV rv = P11DB_Finalize(token->database);
+    token->database = nullptr;
+    if (rv != CKR_OK) return rv;
+    if (token->rng && csprgbg_exit(&token->rng) != CRYPTO_OK) return CKR_GENERAL_ERROR;
+    if (token->sessions && (rv = P11SessionList_destruct(&token->sessions)) != CKR_OK) return rv;
+    if ((rv = P11Mutex_destruct(&token->tokenMutex)) != CKR_OK) return rv;
+    if ((rv = P11Mutex_destruct(&token->handleMutex)) != CKR_OK) return rv;
+    return P11_destroyGlobalLock();
+}
+
+}  // namespace
+
+CK_RV P11Token_construct(P11Token** pToken)
+{
+    P11Token* token = new (std::nothrow) P11Token{};
+    if (!token) return CKR_HOST_MEMORY;
+
+    CK_RV rv = P11DB_Initialize(&token->database, token, ".");
+    if (rv != CKR_OK) {
+        delete token;
+        return rv;
+    }
+
+    CK_ULONG seedLength = 64;
+    rv = P11DB_GetRandomSeed(token->database, nullptr, &seedLength);
+    std::unique_ptr<CK_BYTE[]> seed;
+    if (rv == CKR_OK) {
+        seed.reset(new (std::nothrow) CK_BYTE[seedLength]);
+        if (!seed) rv = CKR_HOST_MEMORY;
+    }
+    if (rv == CKR_OK) rv = P11DB_GetRandomSeed(token->database, seed.get(), &seedLength);
+    if (rv == CKR_OK && csprgbg_init(&token->rng, seed.get(), seedLength, nullptr, 0) != CRYPTO_OK)
+        rv = CKR_GENERAL_ERROR;
+    if (seed) std::memset(seed.get(), 0, seedLength);
+    if (rv == CKR_OK) rv = P11SessionList_construct(&token->sessions);
+    if (rv == CKR_OK) rv = P11Mutex_construct(&token->handleMutex);
+    if (rv == CKR_OK) rv = P11Mutex_construct(&token->tokenMutex);
+    if (rv == CKR_OK) rv = P11_createGlobalFunctionLock();
+    if (rv != CKR_OK) {
+        teardown(token);
+        delete token;
+        return rv;
+    }
+    *pToken = token;
+    return CKR_OK;
+}
+
+CK_RV P11Token_destruct(P11Token** pToken)
+{
+    P11Token* token = *pToken;
+    if (!token) return CKR_OK;
+    CK_RV rv = P11Token_closeAllSessions(token);
+    if (rv != CKR_OK) return rv;
+    rv = teardown(token);
+    if (rv != CKR_OK) return rv;
+    delete token;
+    *pToken = nullptr;
+    return CKR_OK;
+}
+
+CK_RV P11Token_isPresent(P11Token*, CK_BBOOL* present)
+{
+    *present = CK_TRUE;
+    return CKR_OK;
+}
+
+CK_RV P11Token_getSlotID(P11Token*, CK_SLOT_ID* slot)
+{
+    *slot = 0;
+    return CKR_OK;
+}
+
+CK_RV P11Token_getSlotInfo(P11Token*, CK_SLOT_INFO_PTR info)
+{
+    setField(info->slotDescription, kSlotDescription);
+    std::memcpy(info->manufacturerID, manufacturerID, sizeof info->manufacturerID);
+    info->flags = CKF_TOKEN_PRESENT;
+    info->hardwareVersion = {0, 0};
+    info->firmwareVersion = {0, 0};
+    return CKR_OK;
+}
+
+CK_RV P11Token_getTokenInfo(P11Token* token, CK_TOKEN_INFO_PTR info)
+{
+    const CK_RV rv = P11DB_GetLabel(token->database, info->label);
+    if (rv != CKR_OK) return rv;
+    std::memcpy(info->manufacturerID, manufacturerID, sizeof info->manufacturerID);
+    setField(info->model, kModel);
+    setField(info->serialNumber, "               1");
+    info->flags = kTokenFlags;
+    info->ulMaxSessionCount = 0;
+    info->ulSessionCount = token->sessionCount;
+    info->ulMaxRwSessionCount = 0;
+    info->ulRwSessionCount = token->rwSessionCount;
+    info->ulMaxPinLen = 1024;
+    info->ulMinPinLen = 1;
+    info->ulTotalPublicMemory = CK_UNAVAILABLE_INFORMATION;
+    info->ulFreePublicMemory = CK_UNAVAILABLE_INFORMATION;
+    info->ulTotalPrivateMemory = CK_UNAVAILABLE_INFORMATION;
+    info->ulFreePrivateMemory = CK_UNAVAILABLE_INFORMATION;
+    info->hardwareVersion = {0, 0};
+    info->firmwareVersion = {0, 0};
+    std::memset(info->utcTime, ' ', sizeof info->utcTime);
+    return CKR_OK;
+}
+
+CK_RV P11Token_getMechanismList(P11Token*, CK_MECHANISM_TYPE_PTR list, CK_ULONG_PTR count)
+{
+    if (list) {
+        if (*count < mechanismListSize) {
+            *count = mechanismListSize;
+            return CKR_BUFFER_TOO_SMALL;
+        }
+        for (CK_ULONG i = 0; i < mechanismListSize; ++i) list[i] = mechanismList[i].type;
+    }
+    *count = mechanismListSize;
+    return CKR_OK;
+}
+
+CK_RV P11Token_getMechanismInfo(P11Token*, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR info)
+{
+    for (const MechanismRow& row : mechanismList) {
+        if (row.type == type) {
+            *info = row.info;
+            return CKR_OK;
+        }
+    }
+    return CKR_MECHANISM_INVALID;
+}
+
+CK_RV P11Token_waitForSlotEvent(P11Token*, CK_FLAGS flags, CK_SLOT_ID_PTR)
+{
+    // Slots never change; a caller that would block is refused at once.
+    return flags == CKF_DONT_BLOCK ? CKR_NO_EVENT : CKR_FUNCTION_FAILED;
+}
+
+CK_RV P11Token_openSession(P11Token* token, CK_FLAGS flags, CK_VOID_PTR application, CK_NOTIFY notify,
+                           P11Session** session)
+{
+    CK_SESSION_HANDLE handle = 0;
+    CK_RV rv = P11Token_getNewSessionHandle(token, &handle);
+    if (rv != CKR_OK) return rv;
+
+    TokenLock lock(token, P11Token_unlock);
+    rv = P11Token_lock(token, lock.record());
+    if (rv != CKR_OK) return rv;
+    if (!(flags & CKF_SERIAL_SESSION)) return lock.release(CKR_SESSION_PARALLEL_NOT_SUPPORTED);
+    const bool readWrite = (flags & CKF_RW_SESSION) != 0;
+    if (!readWrite && token->soLoggedIn) return lock.release(CKR_SESSION_READ_WRITE_SO_EXISTS);
+
+    P11Session* created = nullptr;
+    rv = P11Session_construct(&created, token, handle, readWrite, application, notify, token->userLoggedIn);
+    if (rv != CKR_OK) return lock.release(rv);
+    rv = P11SessionList_add(token->sessions, created);
+    if (rv != CKR_OK) {
+        P11Session_destruct(&created);
+        return lock.release(rv);
+    }
+    ++token->sessionCount;
+    if (readWrite) ++token->rwSessionCount;
+    *session = created;
+    return lock.release(CKR_OK);
+}
+
+CK_RV P11Token_removeSession(P11Token* token, P11Session* session)
+{
+    TokenLock lock(token, P11Token_unlock);
+    CK_RV rv = P11Token_lock(token, lock.record());
+    if (rv != CKR_OK) return rv;
+    const bool readWrite = P11Session_isReadWrite(session);
+    rv = P11SessionList_remove(token->sessions, session);
+    if (rv != CKR_OK) return lock.release(rv);
+    --token->sessionCount;
+    if (readWrite) --token->rwSessionCount;
+    if (token->sessionCount == 0) {
+        rv = P11Token_logout_do(token);
+        if (rv == CKR_USER_NOT_LOGGED_IN) rv = CKR_OK;
+    }
+    return lock.release(rv);
+}
+
+CK_RV P11Token_closeAllSessions(P11Token* token)
+{
+    TokenLock lock(token, P11Token_unlock);
+    CK_RV rv = P11Token_lock(token, lock.record());
+    if (rv != CKR_OK) return rv;
+    P11Session* session = nullptr;
+    while (P11SessionList_popSession(token->sessions, &session) == CKR_OK && session) {
+        rv = P11Session_destruct(&session);
+        if (rv != CKR_OK) return lock.release(rv);
+    }
+    token->sessionCount = 0;
+    token->rwSessionCount = 0;
+    rv = P11Token_logout_do(token);
+    if (rv == CKR_USER_NOT_LOGGED_IN) rv = CKR_OK;
+    return lock.release(rv);
+}
+
+CK_RV P11Token_login(P11Token* token, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen)
+{
+    TokenLock lock(token, P11Token_unlock);
+    CK_RV rv = P11Token_lock(token, lock.record());
+    if (rv != CKR_OK) return rv;
+    if (userType > CKU_USER) return lock.release(CKR_ARGUMENTS_BAD);
+    if (userType == CKU_SO) {
+        if (token->soLoggedIn) return lock.release(CKR_USER_ALREADY_LOGGED_IN);
+        if (token->userLoggedIn) return lock.release(CKR_USER_ANOTHER_ALREADY_LOGGED_IN);
+        rv = P11DB_CheckSOPIN(token->database, pin, pinLen);
+        if (rv != CKR_OK) return lock.release(rv);
+        token->soLoggedIn = CK_TRUE;
+        return lock.release(CKR_OK);
+    }
+    if (token->userLoggedIn) return lock.release(CKR_USER_ALREADY_LOGGED_IN);
+    if (token->soLoggedIn) return lock.release(CKR_USER_ANOTHER_ALREADY_LOGGED_IN);
+    rv = P11DB_Login(token->database, userType, pin, pinLen);
+    if (rv != CKR_OK) return lock.release(rv);
+    // The login belongs to the token: every open session sees it.
+    P11SessionListCursor cursor = 0;
+    P11Session* session = nullptr;
+    while (P11SessionList_enumSessions(token->sessions, &cursor, &session) == CKR_OK && session) {
+        rv = P11Session_doLogin(session);
+        if (rv != CKR_OK) return lock.release(rv);
+    }
+    token->userLoggedIn = CK_TRUE;
+    return lock.release(CKR_OK);
+}
+
+CK_RV P11Token_logout(P11Token* token)
+{
+    TokenLock lock(token, P11Token_unlock);
+    const CK_RV rv = P11Token_lock(token, lock.record());
+    if (rv != CKR_OK) return rv;
+    return lock.release(P11Token_logout_do(token));
+}
+
+CK_RV P11Token_logout_do(P11Token* token)
+{
+    if (!token->userLoggedIn && !token->soLoggedIn) return CKR_USER_NOT_LOGGED_IN;
+    if (token->userLoggedIn) {
+        P11SessionListCursor cursor = 0;
+        P11Session* session = nullptr;
+        while (P11SessionList_enumSessions(token->sessions, &cursor, &session) == CKR_OK && session) {
+            const CK_RV rv = P11Session_doLogout(session);
+            if (rv != CKR_OK) return rv;
+        }
+        token->userLoggedIn = CK_FALSE;
+    }
+    token->soLoggedIn = CK_FALSE;
+    return CKR_OK;
+}
+
+CK_RV P11Token_isLoggedIn(P11Token* token, CK_BBOOL* loggedIn, CK_BBOOL* isUser)
+{
+    TokenLock lock(token, P11Token_unlock);
+    const CK_RV rv = P11Token_lock(token, lock.record());
+    if (rv != CKR_OK) return rv;
+    *loggedIn = token->userLoggedIn || token->soLoggedIn;
+    if (isUser) *isUser = token->userLoggedIn;
+    return lock.release(CKR_OK);
+}
+
+CK_RV P11Token_setPIN(P11Token* token, CK_UTF8CHAR_PTR oldPin, CK_ULONG oldLen, CK_UTF8CHAR_PTR newPin, CK_ULONG newLen)
+{
+    return P11DB_SetPIN(token->database, oldPin, oldLen, newPin, newLen);
+}
+
+CK_RV P11Token_initPIN(P11Token* token, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen)
+{
+    if (!token->soLoggedIn) return CKR_USER_NOT_LOGGED_IN;
+    return P11DB_InitPIN(token->database, pin, pinLen);
+}
+
+CK_RV P11Token_initToken(P11Token* token, CK_UTF8CHAR_PTR soPin, CK_ULONG soPinLen, CK_UTF8CHAR_PTR label)
+{
+    CK_RV rv = P11DB_Reset(token->database);
+    if (rv == CKR_OK) rv = P11DB_SetSOPIN(token->database, soPin, soPinLen);
+    if (rv == CKR_OK) rv = P11DB_SetLabel(token->database, label);
+    return rv;
+}
+
+CK_RV P11Token_generateRandom(P11Token* token, CK_BYTE_PTR buffer, CK_ULONG length)
+{
+    if (length == 0) return CKR_OK;
+    return withGenerator(token, [&] { return csprgbg_bytes(token->rng, buffer, length); });
+}
+
+CK_RV P11Token_seedRandom(P11Token* token, CK_BYTE_PTR seed, CK_ULONG length)
+{
+    return withGenerator(token, [&] { return csprgbg_reseed(token->rng, seed, length); });
+}
+
+CK_RV P11Token_seedRNG(P11Token* token, csprgbg_state** rng)
+{
+    CK_BYTE seed[128];
+    CK_RV rv = P11Token_generateRandom(token, seed, sizeof seed);
+    if (rv == CKR_OK && csprgbg_init(rng, seed, sizeof seed, nullptr, 0) != CRYPTO_OK) rv = CKR_GENERAL_ERROR;
+    std::memset(seed, 0, sizeof seed);
+    return rv;
+}
+
+CK_RV P11Token_getNewSessionHandle(P11Token* token, CK_SESSION_HANDLE* handle)
+{
+    return get_next_handle(token, handle);
+}
+
+CK_RV P11Token_getNewObjectHandle(P11Token* token, CK_OBJECT_HANDLE* handle)
+{
+    return get_next_handle(token, handle);
+}
+
+CK_RV P11Token_findSessionHandle(P11Token* token, CK_SESSION_HANDLE handle, P11Session** session)
+{
+    TokenLock lock(token, P11Token_unlock);
+    const CK_RV rv = P11Token_lock(token, lock.record());
+    if (rv != CKR_OK) return rv;
+    return lock.release(P11SessionList_findSessionHandle(token->sessions, handle, session));
+}
+
+CK_RV P11Token_sessionHandleToPointer(P11Token* token, CK_SESSION_HANDLE handle, P11Session** session)
+{
+    *session = nullptr;
+    const CK_RV rv = P11Token_findSessionHandle(token, handle, session);
+    if (rv != CKR_OK) return rv;
+    return *session ? CKR_OK : CKR_SESSION_CLOSED;
+}
+
+CK_RV P11Token_findObjectHandle(P11Token* token, CK_OBJECT_HANDLE handle, P11Obj** object)
+{
+    *object = nullptr;
+    TokenLock lock(token, P11Token_unlock);
+    CK_RV rv = P11Token_lock(token, lock.record());
+    if (rv != CKR_OK) return rv;
+    P11SessionListCursor cursor = 0;
+    P11Session* session = nullptr;
+    while (!*object && P11SessionList_enumSessions(token->sessions, &cursor, &session) == CKR_OK && session) {
+        rv = P11Session_findObjectHandle(session, handle, object);
+        if (rv != CKR_OK) return lock.release(rv);
+    }
+    if (!*object) {
+        TokenLock dbLock(token, P11Token_unlockdb);
+        rv = P11Token_lockdb(token, dbLock.record());
+        if (rv != CKR_OK) return lock.release(rv);
+        rv = P11ObjList_findObjectHandle(token->database->objects, handle, object);
+        rv = dbLock.release(rv);
+        if (rv != CKR_OK) return lock.release(rv);
+    }
+    return lock.release(CKR_OK);
+}
+
+CK_RV P11Token_objectHandleToPointer(P11Token* token, CK_OBJECT_HANDLE handle, P11Obj** object)
+{
+    const CK_RV rv = P11Token_findObjectHandle(token, handle, object);
+    if (rv != CKR_OK) return rv;
+    return *object ? CKR_OK : CKR_OBJECT_HANDLE_INVALID;
+}
+
+CK_RV P11Token_sessionPointerToHandle(P11Token*, P11Session* session, CK_SESSION_HANDLE* handle)
+{
+    *handle = session->handle;
+    return CKR_OK;
+}
+
+CK_RV P11Token_objectPointerToHandle(P11Token*, P11Obj* object, CK_OBJECT_HANDLE* handle)
+{
+    *handle = P11Obj_getHandle(object);
+    return CKR_OK;
+}
+
+CK_RV P11Token_findObjects(P11Token* token, P11FindContext* context)
+{
+    TokenLock lock(token, P11Token_unlock);
+    CK_RV rv = P11Token_lock(token, lock.record());
+    if (rv != CKR_OK) return rv;
+    P11SessionListCursor cursor = 0;
+    P11Session* session = nullptr;
+    while (P11SessionList_enumSessions(token->sessions, &cursor, &session) == CKR_OK && session) {
+        rv = P11Session_doFindObjects(session, context);
+        if (rv != CKR_OK) return lock.release(rv);
+    }
+    return lock.release(P11DB_FindObjects(token->database, context));
+}
+
+CK_RV P11Token_addObject(P11Token* token, P11Obj* object)
+{
+    CK_OBJECT_HANDLE handle = 0;
+    CK_RV rv = P11Token_getNewObjectHandle(token, &handle);
+    if (rv != CKR_OK) return rv;
+    P11Obj_setHandle(object, handle);
+    TokenLock lock(token, P11Token_unlock);
+    rv = P11Token_lock(token, lock.record());
+    if (rv != CKR_OK) return rv;
+    return lock.release(P11DB_AddObject(token->database, object));
+}
+
+CK_RV P11Token_removeObject(P11Token* token, P11Obj* object)
+{
+    TokenLock lock(token, P11Token_unlock);
+    const CK_RV rv = P11Token_lock(token, lock.record());
+    if (rv != CKR_OK) return rv;
+    return lock.release(P11DB_RemoveObject(token->database, object));
+}
+
+CK_RV P11Token_storeObject(P11Token* token, P11Obj* object)
+{
+    TokenLock lock(token, P11Token_unlock);
+    const CK_RV rv = P11Token_lock(token, lock.record());
+    if (rv != CKR_OK) return rv;
+    return lock.release(P11DB_StoreObject(token->database, object));
+}
+
+CK_RV P11Token_lock(P11Token* token, P11LockRecord* record)
+{
+    if (!token) return CKR_GENERAL_ERROR;
+    return lockMutex(token->tokenMutex, record, "** Token locking (%p)", "** Token locked (%p)");
+}
+
+CK_RV P11Token_unlock(P11Token*, P11LockRecord* record)
+{
+    return unlockMutex(record, "** Token unlocking (%p)", "** Token unlocked (%p)");
+}
+
+CK_RV P11TokenObjectHandleCnt_lock(P11Token* token, P11LockRecord* record)
+{
+    if (!token) return CKR_GENERAL_ERROR;
+    return lockMutex(token->handleMutex, record, "** Token locking (%p)", "** Token locked (%p)");
+}
+
+CK_RV P11TokenObjectHandleCnt_unlock(P11Token*, P11LockRecord* record)
+{
+    return unlockMutex(record, "** Token unlocking (%p)", "** Token unlocked (%p)");
+}
+
+CK_RV P11Token_lockdb(P11Token* token, P11LockRecord* record)
+{
+    if (!token) return CKR_GENERAL_ERROR;
+    return P11DB_lockDB(token->database, record);
+}
+
+CK_RV P11Token_unlockdb(P11Token* token, P11LockRecord* record)
+{
+    if (!token) return CKR_OK;
+    return P11DB_unlockDB(token->database, record);
+}
+
+CK_RV P11Token_global_lock(P11Token*)
+{
+    return P11_globalLock();
+}
+
+CK_RV P11Token_global_unlock(P11Token*)
+{
+    return P11_globalUnlock();
+}

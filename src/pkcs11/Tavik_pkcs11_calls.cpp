@@ -1,0 +1,806 @@
+// The call frame of the entry points that work on the slot, a session or an
+// object: trace the arguments, check that the library is initialised, turn
+// handles into pointers through the token, call one operation, trace the
+// results and return its code unchanged.
+
+#include <new>
+
+#include "pkcs11/P11ObjList.h"
+#include "pkcs11/P11Session.h"
+#include "pkcs11/P11Token.h"
+#include "pkcs11/Tavik_pkcs11_entry.h"
+#include "pkcs11/db/Tavik_p11trace.h"
+#include "pkcs11/objects/P11Obj.h"
+
+namespace {
+
+void enter(const char* function)
+{
+    TSQ_Trace(3, "Entering %s", function);
+    TSQ_Trace(4, "In:");
+}
+
+void traceHandle(const char* label, CK_ULONG value)
+{
+    TSQ_Trace(4, "%s = %lu", label, value);
+}
+
+// An in/out length: its value when the pointer is there.
+void traceLength(const char* label, CK_ULONG_PTR length)
+{
+    if (length)
+        TSQ_Trace(4, "*%s = %lu", label, *length);
+    else
+        TSQ_Trace(4, "%s = NULL", label);
+}
+
+void traceObject(const char* label, CK_OBJECT_HANDLE handle)
+{
+    TSQ_TraceObject(P11TraceContext, 4, label, handle);
+}
+
+void traceMechanism(CK_MECHANISM_PTR mechanism)
+{
+    TSQ_TraceMechanism(P11TraceContext, 4, "pMechanism", mechanism);
+}
+
+CK_RV checkSlot(CK_SLOT_ID slot)
+{
+    return slot == 0 ? CKR_OK : CKR_SLOT_ID_INVALID;
+}
+
+CK_RV sessionOf(CK_SESSION_HANDLE handle, P11Session** session)
+{
+    return P11Token_sessionHandleToPointer(pToken, handle, session);
+}
+
+CK_RV objectOf(CK_OBJECT_HANDLE handle, P11Obj** object)
+{
+    return P11Token_objectHandleToPointer(pToken, handle, object);
+}
+
+// A key argument: an unknown handle is reported as an invalid key.
+CK_RV keyOf(CK_OBJECT_HANDLE handle, P11Obj** key)
+{
+    const CK_RV rv = objectOf(handle, key);
+    return rv == CKR_OBJECT_HANDLE_INVALID ? CKR_KEY_HANDLE_INVALID : rv;
+}
+
+// The entry points whose answer never changes.
+CK_RV fixedAnswer(const char* function, CK_RV rv)
+{
+    return P11_traceExit(function, rv);
+}
+
+// Hands a newly created object's handle back, and lets go of the frame's
+// reference to the object on every path.
+CK_RV deliverObject(const char* function, CK_RV rv, P11Obj** object, CK_OBJECT_HANDLE_PTR phObject)
+{
+    if (rv == CKR_OK && phObject) {
+        P11Token_objectPointerToHandle(pToken, *object, phObject);
+        TSQ_Trace(4, "Out:");
+        traceObject("*phObject", *phObject);
+    }
+    if (rv != CKR_OK) P11Obj_destruct(object);
+    return P11_traceExit(function, rv);
+}
+
+}  // namespace
+
+KORVO_EXPORT CK_RV C_GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR pSlotList, CK_ULONG_PTR pulCount)
+{
+    enter("C_GetSlotList");
+    TSQ_TraceBool(P11TraceContext, 4, "tokenPresent", tokenPresent);
+    traceLength("pulCount", pulCount);
+    if (!initialized) return P11_traceExit("C_GetSlotList", CKR_CRYPTOKI_NOT_INITIALIZED);
+    if (!pulCount) return P11_traceExit("C_GetSlotList", CKR_ARGUMENTS_BAD);
+    CK_ULONG count = 1;
+    if (tokenPresent) {
+        CK_BBOOL present = CK_FALSE;
+        const CK_RV rv = P11Token_isPresent(pToken, &present);
+        if (rv != CKR_OK) return P11_traceExit("C_GetSlotList", rv);
+        count = present ? 1 : 0;
+    }
+    if (pSlotList && count > *pulCount) {
+        *pulCount = count;
+        return P11_traceExit("C_GetSlotList", CKR_BUFFER_TOO_SMALL);
+    }
+    if (pSlotList && count == 1) pSlotList[0] = 0;
+    *pulCount = count;
+    TSQ_Trace(4, "Out:");
+    traceLength("pulCount", pulCount);
+    return P11_traceExit("C_GetSlotList", CKR_OK);
+}
+
+KORVO_EXPORT CK_RV C_GetSlotInfo(CK_SLOT_ID slotID, CK_SLOT_INFO_PTR pInfo)
+{
+    enter("C_GetSlotInfo");
+    traceHandle("slotID", slotID);
+    if (!initialized) return P11_traceExit("C_GetSlotInfo", CKR_CRYPTOKI_NOT_INITIALIZED);
+    if (!pInfo) return P11_traceExit("C_GetSlotInfo", CKR_ARGUMENTS_BAD);
+    CK_RV rv = checkSlot(slotID);
+    if (rv == CKR_OK) rv = P11Token_getSlotInfo(pToken, pInfo);
+    if (rv == CKR_OK) {
+        TSQ_Trace(4, "Out:");
+        TSQ_TraceSlotInfo(P11TraceContext, 4, "pInfo", pInfo);
+    }
+    return P11_traceExit("C_GetSlotInfo", rv);
+}
+
+KORVO_EXPORT CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo)
+{
+    enter("C_GetTokenInfo");
+    traceHandle("slotID", slotID);
+    if (!initialized) return P11_traceExit("C_GetTokenInfo", CKR_CRYPTOKI_NOT_INITIALIZED);
+    if (!pInfo) return P11_traceExit("C_GetTokenInfo", CKR_ARGUMENTS_BAD);
+    CK_RV rv = checkSlot(slotID);
+    if (rv == CKR_OK) rv = P11Token_getTokenInfo(pToken, pInfo);
+    if (rv == CKR_OK) {
+        TSQ_Trace(4, "Out:");
+        TSQ_TraceTokenInfo(P11TraceContext, 4, "pInfo", pInfo);
+    }
+    return P11_traceExit("C_GetTokenInfo", rv);
+}
+
+KORVO_EXPORT CK_RV C_GetMechanismList(CK_SLOT_ID slotID, CK_MECHANISM_TYPE_PTR pMechanismList, CK_ULONG_PTR pulCount)
+{
+    enter("C_GetMechanismList");
+    traceHandle("slotID", slotID);
+    traceLength("pulCount", pulCount);
+    if (!initialized) return P11_traceExit("C_GetMechanismList", CKR_CRYPTOKI_NOT_INITIALIZED);
+    CK_RV rv = checkSlot(slotID);
+    if (rv == CKR_OK && !pulCount) rv = CKR_ARGUMENTS_BAD;
+    if (rv == CKR_OK) rv = P11Token_getMechanismList(pToken, pMechanismList, pulCount);
+    if (rv == CKR_OK) {
+        TSQ_Trace(4, "Out:");
+        TSQ_TraceMechanismTypes(P11TraceContext, 4, "pMechanismList", pMechanismList, *pulCount);
+    }
+    return P11_traceExit("C_GetMechanismList", rv);
+}
+
+KORVO_EXPORT CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR pInfo)
+{
+    enter("C_GetMechanismInfo");
+    traceHandle("slotID", slotID);
+    TSQ_Trace(4, "type = %s", mechanismTypeToString(type));
+    if (!initialized) return P11_traceExit("C_GetMechanismInfo", CKR_CRYPTOKI_NOT_INITIALIZED);
+    if (!pInfo) return P11_traceExit("C_GetMechanismInfo", CKR_ARGUMENTS_BAD);
+    CK_RV rv = checkSlot(slotID);
+    if (rv == CKR_OK) rv = P11Token_getMechanismInfo(pToken, type, pInfo);
+    if (rv == CKR_OK) {
+        TSQ_Trace(4, "Out:");
+        TSQ_TraceMechInfo(P11TraceContext, 4, "pInfo", pInfo);
+    }
+    return P11_traceExit("C_GetMechanismInfo", rv);
+}
+
+KORVO_EXPORT CK_RV C_InitToken(CK_SLOT_ID slotID, CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen, CK_UTF8CHAR_PTR pLabel)
+{
+    enter("C_InitToken");
+    traceHandle("slotID", slotID);
+    TSQ_TraceSecureBytes(P11TraceContext, 4, "pPin", pPin, ulPinLen);
+    TSQ_TraceData(P11TraceContext, 4, "pLabel", pLabel, pLabel ? 32 : 0);
+    if (!initialized) return P11_traceExit("C_InitToken", CKR_CRYPTOKI_NOT_INITIALIZED);
+    CK_RV rv = checkSlot(slotID);
+    if (rv == CKR_OK) rv = P11Token_initToken(pToken, pPin, ulPinLen, pLabel);
+    return P11_traceExit("C_InitToken", rv);
+}
+
+KORVO_EXPORT CK_RV C_InitPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen)
+{
+    enter("C_InitPIN");
+    traceHandle("hSession", hSession);
+    TSQ_TraceSecureBytes(P11TraceContext, 4, "pPin", pPin, ulPinLen);
+    if (!initialized) return P11_traceExit("C_InitPIN", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = P11Session_initPIN(session, pPin, ulPinLen);
+    return P11_traceExit("C_InitPIN", rv);
+}
+
+KORVO_EXPORT CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulOldLen, CK_UTF8CHAR_PTR pNewPin,
+                            CK_ULONG ulNewLen)
+{
+    enter("C_SetPIN");
+    traceHandle("hSession", hSession);
+    TSQ_TraceSecureBytes(P11TraceContext, 4, "pOldPin", pOldPin, ulOldLen);
+    TSQ_TraceSecureBytes(P11TraceContext, 4, "pNewPin", pNewPin, ulNewLen);
+    if (!initialized) return P11_traceExit("C_SetPIN", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = P11Session_setPIN(session, pOldPin, ulOldLen, pNewPin, ulNewLen);
+    return P11_traceExit("C_SetPIN", rv);
+}
+
+KORVO_EXPORT CK_RV C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_VOID_PTR pApplication, CK_NOTIFY Notify,
+                                 CK_SESSION_HANDLE_PTR phSession)
+{
+    enter("C_OpenSession");
+    traceHandle("slotID", slotID);
+    TSQ_Trace(4, "flags = %lu", flags);
+    if (!initialized) return P11_traceExit("C_OpenSession", CKR_CRYPTOKI_NOT_INITIALIZED);
+    CK_RV rv = checkSlot(slotID);
+    if (rv == CKR_OK && !phSession) rv = CKR_ARGUMENTS_BAD;
+    P11Session* session = nullptr;
+    if (rv == CKR_OK) rv = P11Token_openSession(pToken, flags, pApplication, Notify, &session);
+    if (rv == CKR_OK) {
+        P11Token_sessionPointerToHandle(pToken, session, phSession);
+        TSQ_Trace(4, "Out:");
+        traceHandle("*phSession", *phSession);
+    }
+    return P11_traceExit("C_OpenSession", rv);
+}
+
+KORVO_EXPORT CK_RV C_CloseSession(CK_SESSION_HANDLE hSession)
+{
+    enter("C_CloseSession");
+    traceHandle("hSession", hSession);
+    if (!initialized) return P11_traceExit("C_CloseSession", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = P11Session_closeSession(session);
+    return P11_traceExit("C_CloseSession", rv);
+}
+
+KORVO_EXPORT CK_RV C_CloseAllSessions(CK_SLOT_ID slotID)
+{
+    enter("C_CloseAllSessions");
+    traceHandle("slotID", slotID);
+    if (!initialized) return P11_traceExit("C_CloseAllSessions", CKR_CRYPTOKI_NOT_INITIALIZED);
+    CK_RV rv = checkSlot(slotID);
+    if (rv == CKR_OK) rv = P11Token_closeAllSessions(pToken);
+    return P11_traceExit("C_CloseAllSessions", rv);
+}
+
+KORVO_EXPORT CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pInfo)
+{
+    enter("C_GetSessionInfo");
+    traceHandle("hSession", hSession);
+    if (!initialized) return P11_traceExit("C_GetSessionInfo", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK && !pInfo) rv = CKR_ARGUMENTS_BAD;
+    if (rv == CKR_OK) rv = P11Session_getSessionInfo(session, pInfo);
+    if (rv == CKR_OK) {
+        TSQ_Trace(4, "Out:");
+        TSQ_TraceSessionInfo(P11TraceContext, 4, "pInfo", pInfo);
+    }
+    return P11_traceExit("C_GetSessionInfo", rv);
+}
+
+KORVO_EXPORT CK_RV C_GetOperationState(CK_SESSION_HANDLE hSession, CK_BYTE_PTR, CK_ULONG_PTR pulOperationStateLen)
+{
+    enter("C_GetOperationState");
+    traceHandle("hSession", hSession);
+    traceLength("pulOperationStateLen", pulOperationStateLen);
+    return fixedAnswer("C_GetOperationState", CKR_FUNCTION_NOT_SUPPORTED);
+}
+
+KORVO_EXPORT CK_RV C_SetOperationState(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pOperationState, CK_ULONG ulOperationStateLen,
+                                       CK_OBJECT_HANDLE hEncryptionKey, CK_OBJECT_HANDLE hAuthenticationKey)
+{
+    enter("C_SetOperationState");
+    traceHandle("hSession", hSession);
+    TSQ_TraceSecureBytes(P11TraceContext, 4, "pOperationState", pOperationState, ulOperationStateLen);
+    traceHandle("hEncryptionKey", hEncryptionKey);
+    traceHandle("hAuthenticationKey", hAuthenticationKey);
+    return fixedAnswer("C_SetOperationState", CKR_FUNCTION_NOT_SUPPORTED);
+}
+
+KORVO_EXPORT CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen)
+{
+    enter("C_Login");
+    traceHandle("hSession", hSession);
+    TSQ_Trace(4, "userType = %s", userTypeToString(userType));
+    TSQ_TraceSecureBytes(P11TraceContext, 4, "pPin", pPin, ulPinLen);
+    if (!initialized) return P11_traceExit("C_Login", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = P11Session_login(session, userType, pPin, ulPinLen);
+    return P11_traceExit("C_Login", rv);
+}
+
+KORVO_EXPORT CK_RV C_Logout(CK_SESSION_HANDLE hSession)
+{
+    enter("C_Logout");
+    traceHandle("hSession", hSession);
+    if (!initialized) return P11_traceExit("C_Logout", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = P11Session_logout(session);
+    return P11_traceExit("C_Logout", rv);
+}
+
+KORVO_EXPORT CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
+                                  CK_OBJECT_HANDLE_PTR phObject)
+{
+    enter("C_CreateObject");
+    traceHandle("hSession", hSession);
+    TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulCount);
+    if (!initialized) return P11_traceExit("C_CreateObject", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    P11Obj* object = nullptr;
+    if (rv == CKR_OK) rv = P11Obj_SW_construct(&object);
+    if (rv == CKR_OK) rv = P11Obj_createObject(object, session, pTemplate, ulCount);
+    return deliverObject("C_CreateObject", rv, &object, phObject);
+}
+
+KORVO_EXPORT CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
+                                CK_ULONG ulCount, CK_OBJECT_HANDLE_PTR phNewObject)
+{
+    enter("C_CopyObject");
+    traceHandle("hSession", hSession);
+    traceObject("hObject", hObject);
+    TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulCount);
+    if (!initialized) return P11_traceExit("C_CopyObject", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    P11Obj* source = nullptr;
+    P11Obj* object = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = objectOf(hObject, &source);
+    if (rv == CKR_OK) rv = P11Obj_SW_construct(&object);
+    if (rv == CKR_OK) rv = P11Obj_copyObject(source, object, session, pTemplate, ulCount);
+    return deliverObject("C_CopyObject", rv, &object, phNewObject);
+}
+
+KORVO_EXPORT CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject)
+{
+    enter("C_DestroyObject");
+    traceHandle("hSession", hSession);
+    traceObject("hObject", hObject);
+    if (!initialized) return P11_traceExit("C_DestroyObject", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    P11Obj* object = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = objectOf(hObject, &object);
+    if (rv == CKR_OK) rv = P11Session_destroyObject(session, object);
+    return P11_traceExit("C_DestroyObject", rv);
+}
+
+KORVO_EXPORT CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ULONG_PTR)
+{
+    enter("C_GetObjectSize");
+    traceHandle("hSession", hSession);
+    traceHandle("hObject", hObject);
+    return fixedAnswer("C_GetObjectSize", CKR_FUNCTION_NOT_SUPPORTED);
+}
+
+KORVO_EXPORT CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
+                                       CK_ULONG ulCount)
+{
+    enter("C_GetAttributeValue");
+    traceHandle("hSession", hSession);
+    traceObject("hObject", hObject);
+    TSQ_TraceAttributes(P11TraceContext, 4, "pTemplate", pTemplate, ulCount);
+    if (!initialized) return P11_traceExit("C_GetAttributeValue", CKR_CRYPTOKI_NOT_INITIALIZED);
+    // The session handle is deliberately not looked at.
+    P11Obj* object = nullptr;
+    CK_RV rv = objectOf(hObject, &object);
+    if (rv == CKR_OK) {
+        rv = P11Obj_getAttributeValues(object, pTemplate, ulCount);
+        TSQ_Trace(4, "Out:");
+        TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulCount);
+    }
+    return P11_traceExit("C_GetAttributeValue", rv);
+}
+
+KORVO_EXPORT CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
+                                       CK_ULONG ulCount)
+{
+    enter("C_SetAttributeValue");
+    traceHandle("hSession", hSession);
+    traceObject("hObject", hObject);
+    TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulCount);
+    if (!initialized) return P11_traceExit("C_SetAttributeValue", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Obj* object = nullptr;
+    CK_RV rv = objectOf(hObject, &object);
+    if (rv == CKR_OK) rv = P11Obj_setAttributeValues(object, pTemplate, ulCount);
+    return P11_traceExit("C_SetAttributeValue", rv);
+}
+
+KORVO_EXPORT CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount)
+{
+    enter("C_FindObjectsInit");
+    traceHandle("hSession", hSession);
+    TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulCount);
+    if (!initialized) return P11_traceExit("C_FindObjectsInit", CKR_CRYPTOKI_NOT_INITIALIZED);
+    if (hSession == 0) return P11_traceExit("C_FindObjectsInit", CKR_SESSION_HANDLE_INVALID);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK && ulCount && !pTemplate) rv = CKR_ARGUMENTS_BAD;
+    if (rv == CKR_OK) rv = P11Session_findObjectsInit(session, pTemplate, ulCount);
+    return P11_traceExit("C_FindObjectsInit", rv);
+}
+
+KORVO_EXPORT CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PTR phObject, CK_ULONG ulMaxObjectCount,
+                                 CK_ULONG_PTR pulObjectCount)
+{
+    enter("C_FindObjects");
+    traceHandle("hSession", hSession);
+    traceHandle("ulMaxObjectCount", ulMaxObjectCount);
+    if (!initialized) return P11_traceExit("C_FindObjects", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK && (!pulObjectCount || (ulMaxObjectCount && !phObject))) rv = CKR_ARGUMENTS_BAD;
+    if (rv == CKR_OK) rv = P11Session_findObjects(session, phObject, ulMaxObjectCount, pulObjectCount);
+    if (rv == CKR_OK) {
+        TSQ_Trace(4, "Out:");
+        TSQ_TraceObjects(P11TraceContext, 4, "phObject", phObject, *pulObjectCount);
+    }
+    return P11_traceExit("C_FindObjects", rv);
+}
+
+KORVO_EXPORT CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE hSession)
+{
+    enter("C_FindObjectsFinal");
+    traceHandle("hSession", hSession);
+    if (!initialized) return P11_traceExit("C_FindObjectsFinal", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = P11Session_findObjectsFinal(session);
+    return P11_traceExit("C_FindObjectsFinal", rv);
+}
+
+// ---- operations with a key: Init resolves the key, the rest the session ----
+
+#define KEY_INIT(Name, operation)                                                              \
+    KORVO_EXPORT CK_RV Name(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,           \
+                            CK_OBJECT_HANDLE hKey)                                             \
+    {                                                                                          \
+        enter(#Name);                                                                          \
+        traceHandle("hSession", hSession);                                                     \
+        traceMechanism(pMechanism);                                                            \
+        traceObject("hKey", hKey);                                                             \
+        if (!initialized) return P11_traceExit(#Name, CKR_CRYPTOKI_NOT_INITIALIZED);           \
+        P11Session* session = nullptr;                                                         \
+        P11Obj* key = nullptr;                                                                 \
+        CK_RV rv = sessionOf(hSession, &session);                                              \
+        if (rv == CKR_OK) rv = keyOf(hKey, &key);                                              \
+        if (rv == CKR_OK) rv = operation(session, key, pMechanism);                            \
+        return P11_traceExit(#Name, rv);                                                       \
+    }
+
+KEY_INIT(C_EncryptInit, P11Session_encryptInit)
+KEY_INIT(C_DecryptInit, P11Session_decryptInit)
+KEY_INIT(C_SignInit, P11Session_signInit)
+KEY_INIT(C_SignRecoverInit, P11Session_signRecoverInit)
+KEY_INIT(C_VerifyInit, P11Session_verifyInit)
+KEY_INIT(C_VerifyRecoverInit, P11Session_verifyRecoverInit)
+
+// In and out buffers: the input may be secret, the output is traced when
+// the call succeeded with a buffer.
+#define IN_OUT_CALL(Name, operation, inLabel, outLabel, secretOut)                             \
+    KORVO_EXPORT CK_RV Name(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pIn, CK_ULONG ulInLen,     \
+                            CK_BYTE_PTR pOut, CK_ULONG_PTR pulOutLen)                          \
+    {                                                                                          \
+        enter(#Name);                                                                          \
+        traceHandle("hSession", hSession);                                                     \
+        TSQ_TraceSecureBytes(P11TraceContext, 4, inLabel, pIn, ulInLen);                        \
+        traceLength(outLabel "Len", pulOutLen);                                                \
+        if (!initialized) return P11_traceExit(#Name, CKR_CRYPTOKI_NOT_INITIALIZED);           \
+        P11Session* session = nullptr;                                                         \
+        CK_RV rv = sessionOf(hSession, &session);                                              \
+        if (rv == CKR_OK) rv = operation(session, pIn, ulInLen, pOut, pulOutLen);              \
+        if (rv == CKR_OK && pOut) {                                                            \
+            TSQ_Trace(4, "Out:");                                                              \
+            if (secretOut)                                                                     \
+                TSQ_TraceSecureBytes(P11TraceContext, 4, outLabel, pOut, *pulOutLen);           \
+            else                                                                               \
+                TSQ_TraceBytes(P11TraceContext, 4, outLabel, pOut, *pulOutLen);                 \
+        }                                                                                      \
+        return P11_traceExit(#Name, rv);                                                       \
+    }
+
+IN_OUT_CALL(C_Encrypt, P11Session_encrypt, "pData", "pulEncryptedData", false)
+IN_OUT_CALL(C_Decrypt, P11Session_decrypt, "pEncryptedData", "pData", true)
+IN_OUT_CALL(C_DecryptUpdate, P11Session_decryptUpdate, "pEncryptedPart", "pPart", true)
+IN_OUT_CALL(C_Digest, P11Session_digest, "pData", "pDigest", true)
+IN_OUT_CALL(C_Sign, P11Session_sign, "pData", "pSignature", false)
+IN_OUT_CALL(C_SignRecover, P11Session_signRecover, "pData", "pSignature", false)
+IN_OUT_CALL(C_VerifyRecover, P11Session_verifyRecover, "pSignature", "pData", true)
+
+// Encryption updates resolve the session before looking at the initialised
+// state: before C_Initialize the missing token answers.
+KORVO_EXPORT CK_RV C_EncryptUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen,
+                                   CK_BYTE_PTR pEncryptedPart, CK_ULONG_PTR pulEncryptedPartLen)
+{
+    enter("C_EncryptUpdate");
+    traceHandle("hSession", hSession);
+    TSQ_TraceSecureBytes(P11TraceContext, 4, "pPart", pPart, ulPartLen);
+    traceLength("pulEncryptedPartLen", pulEncryptedPartLen);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK && !initialized) rv = CKR_CRYPTOKI_NOT_INITIALIZED;
+    if (rv == CKR_OK) rv = P11Session_encryptUpdate(session, pPart, ulPartLen, pEncryptedPart, pulEncryptedPartLen);
+    if (rv == CKR_OK && pEncryptedPart) {
+        TSQ_Trace(4, "Out:");
+        TSQ_TraceBytes(P11TraceContext, 4, "pEncryptedPart", pEncryptedPart, *pulEncryptedPartLen);
+    }
+    return P11_traceExit("C_EncryptUpdate", rv);
+}
+
+// Final calls: an output buffer and its length.
+#define FINAL_CALL(Name, operation, outLabel, secretOut)                                       \
+    KORVO_EXPORT CK_RV Name(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pOut, CK_ULONG_PTR pulOutLen) \
+    {                                                                                          \
+        enter(#Name);                                                                          \
+        traceHandle("hSession", hSession);                                                     \
+        traceLength(outLabel "Len", pulOutLen);                                                \
+        if (!initialized) return P11_traceExit(#Name, CKR_CRYPTOKI_NOT_INITIALIZED);           \
+        P11Session* session = nullptr;                                                         \
+        CK_RV rv = sessionOf(hSession, &session);                                              \
+        if (rv == CKR_OK) rv = operation(session, pOut, pulOutLen);                            \
+        if (rv == CKR_OK && pOut) {                                                            \
+            TSQ_Trace(4, "Out:");                                                              \
+            if (secretOut)                                                                     \
+                TSQ_TraceSecureBytes(P11TraceContext, 4, outLabel, pOut, *pulOutLen);           \
+            else                                                                               \
+                TSQ_TraceBytes(P11TraceContext, 4, outLabel, pOut, *pulOutLen);                 \
+        }                                                                                      \
+        return P11_traceExit(#Name, rv);                                                       \
+    }
+
+FINAL_CALL(C_EncryptFinal, P11Session_encryptFinal, "pLastEncryptedPart", false)
+FINAL_CALL(C_DecryptFinal, P11Session_decryptFinal, "pLastPart", true)
+FINAL_CALL(C_DigestFinal, P11Session_digestFinal, "pDigest", true)
+FINAL_CALL(C_SignFinal, P11Session_signFinal, "pSignature", false)
+
+// Update calls without output.
+#define UPDATE_CALL(Name, operation)                                                           \
+    KORVO_EXPORT CK_RV Name(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen) \
+    {                                                                                          \
+        enter(#Name);                                                                          \
+        traceHandle("hSession", hSession);                                                     \
+        TSQ_TraceSecureBytes(P11TraceContext, 4, "pPart", pPart, ulPartLen);                    \
+        if (!initialized) return P11_traceExit(#Name, CKR_CRYPTOKI_NOT_INITIALIZED);           \
+        P11Session* session = nullptr;                                                         \
+        CK_RV rv = sessionOf(hSession, &session);                                              \
+        if (rv == CKR_OK) rv = operation(session, pPart, ulPartLen);                           \
+        return P11_traceExit(#Name, rv);                                                       \
+    }
+
+UPDATE_CALL(C_DigestUpdate, P11Session_digestUpdate)
+UPDATE_CALL(C_SignUpdate, P11Session_signUpdate)
+UPDATE_CALL(C_VerifyUpdate, P11Session_verifyUpdate)
+
+KORVO_EXPORT CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism)
+{
+    enter("C_DigestInit");
+    traceHandle("hSession", hSession);
+    traceMechanism(pMechanism);
+    if (!initialized) return P11_traceExit("C_DigestInit", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = P11Session_digestInit(session, pMechanism);
+    return P11_traceExit("C_DigestInit", rv);
+}
+
+KORVO_EXPORT CK_RV C_DigestKey(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hKey)
+{
+    enter("C_DigestKey");
+    traceHandle("hSession", hSession);
+    traceObject("hKey", hKey);
+    if (!initialized) return P11_traceExit("C_DigestKey", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    P11Obj* key = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = keyOf(hKey, &key);
+    if (rv == CKR_OK) rv = P11Session_digestKey(session, key);
+    return P11_traceExit("C_DigestKey", rv);
+}
+
+KORVO_EXPORT CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pSignature,
+                            CK_ULONG ulSignatureLen)
+{
+    enter("C_Verify");
+    traceHandle("hSession", hSession);
+    TSQ_TraceSecureBytes(P11TraceContext, 4, "pData", pData, ulDataLen);
+    TSQ_TraceBytes(P11TraceContext, 4, "pSignature", pSignature, ulSignatureLen);
+    if (!initialized) return P11_traceExit("C_Verify", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = P11Session_verify(session, pData, ulDataLen, pSignature, ulSignatureLen);
+    return P11_traceExit("C_Verify", rv);
+}
+
+KORVO_EXPORT CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG ulSignatureLen)
+{
+    enter("C_VerifyFinal");
+    traceHandle("hSession", hSession);
+    TSQ_TraceBytes(P11TraceContext, 4, "pSignature", pSignature, ulSignatureLen);
+    if (!initialized) return P11_traceExit("C_VerifyFinal", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = P11Session_verifyFinal(session, pSignature, ulSignatureLen);
+    return P11_traceExit("C_VerifyFinal", rv);
+}
+
+// Dual-function calls are not offered.
+#define DUAL_CALL(Name)                                                                        \
+    KORVO_EXPORT CK_RV Name(CK_SESSION_HANDLE hSession, CK_BYTE_PTR, CK_ULONG ulInLen,         \
+                            CK_BYTE_PTR, CK_ULONG_PTR)                                         \
+    {                                                                                          \
+        enter(#Name);                                                                          \
+        traceHandle("hSession", hSession);                                                     \
+        traceHandle("ulInLen", ulInLen);                                                       \
+        return fixedAnswer(#Name, CKR_FUNCTION_NOT_SUPPORTED);                                 \
+    }
+
+DUAL_CALL(C_DigestEncryptUpdate)
+DUAL_CALL(C_DecryptDigestUpdate)
+DUAL_CALL(C_SignEncryptUpdate)
+DUAL_CALL(C_DecryptVerifyUpdate)
+
+KORVO_EXPORT CK_RV C_GenerateKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_ATTRIBUTE_PTR pTemplate,
+                                 CK_ULONG ulCount, CK_OBJECT_HANDLE_PTR phKey)
+{
+    enter("C_GenerateKey");
+    traceHandle("hSession", hSession);
+    traceMechanism(pMechanism);
+    TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulCount);
+    if (!initialized) return P11_traceExit("C_GenerateKey", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    P11Obj* object = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = P11Obj_SW_construct(&object);
+    if (rv == CKR_OK) rv = P11Obj_createAndGenerateKey(object, pMechanism, pTemplate, ulCount, session);
+    return deliverObject("C_GenerateKey", rv, &object, phKey);
+}
+
+KORVO_EXPORT CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
+                                     CK_ATTRIBUTE_PTR pPublicKeyTemplate, CK_ULONG ulPublicKeyAttributeCount,
+                                     CK_ATTRIBUTE_PTR pPrivateKeyTemplate, CK_ULONG ulPrivateKeyAttributeCount,
+                                     CK_OBJECT_HANDLE_PTR phPublicKey, CK_OBJECT_HANDLE_PTR phPrivateKey)
+{
+    enter("C_GenerateKeyPair");
+    traceHandle("hSession", hSession);
+    traceMechanism(pMechanism);
+    TSQ_TraceAttributeValues(P11TraceContext, 4, "pPublicKeyTemplate", pPublicKeyTemplate, ulPublicKeyAttributeCount);
+    TSQ_TraceAttributeValues(P11TraceContext, 4, "pPrivateKeyTemplate", pPrivateKeyTemplate, ulPrivateKeyAttributeCount);
+    if (!initialized) return P11_traceExit("C_GenerateKeyPair", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    P11Obj* publicKey = nullptr;
+    P11Obj* privateKey = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = P11Obj_SW_construct(&publicKey);
+    if (rv == CKR_OK) rv = P11Obj_SW_construct(&privateKey);
+    if (rv == CKR_OK)
+        rv = P11Obj_createAndGenerateKeyPair(publicKey, privateKey, pMechanism, pPublicKeyTemplate, ulPublicKeyAttributeCount,
+                                             pPrivateKeyTemplate, ulPrivateKeyAttributeCount, session);
+    if (rv == CKR_OK) {
+        if (phPublicKey) P11Token_objectPointerToHandle(pToken, publicKey, phPublicKey);
+        if (phPrivateKey) P11Token_objectPointerToHandle(pToken, privateKey, phPrivateKey);
+        TSQ_Trace(4, "Out:");
+        if (phPublicKey) traceObject("*phPublicKey", *phPublicKey);
+        if (phPrivateKey) traceObject("*phPrivateKey", *phPrivateKey);
+    } else {
+        P11Obj_destruct(&publicKey);
+        P11Obj_destruct(&privateKey);
+    }
+    return P11_traceExit("C_GenerateKeyPair", rv);
+}
+
+KORVO_EXPORT CK_RV C_WrapKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hWrappingKey,
+                             CK_OBJECT_HANDLE hKey, CK_BYTE_PTR pWrappedKey, CK_ULONG_PTR pulWrappedKeyLen)
+{
+    enter("C_WrapKey");
+    traceHandle("hSession", hSession);
+    traceMechanism(pMechanism);
+    traceObject("hWrappingKey", hWrappingKey);
+    traceObject("hKey", hKey);
+    traceLength("pulWrappedKeyLen", pulWrappedKeyLen);
+    if (!initialized) return P11_traceExit("C_WrapKey", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    P11Obj* wrappingKey = nullptr;
+    P11Obj* key = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = keyOf(hWrappingKey, &wrappingKey);
+    if (rv == CKR_OK) rv = keyOf(hKey, &key);
+    if (rv == CKR_OK) rv = P11Obj_wrapKey(wrappingKey, session, pMechanism, key, pWrappedKey, pulWrappedKeyLen);
+    if (rv == CKR_OK && pWrappedKey) {
+        TSQ_Trace(4, "Out:");
+        TSQ_TraceSecureBytes(P11TraceContext, 4, "pWrappedKey", pWrappedKey, *pulWrappedKeyLen);
+    }
+    return P11_traceExit("C_WrapKey", rv);
+}
+
+KORVO_EXPORT CK_RV C_UnwrapKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hUnwrappingKey,
+                               CK_BYTE_PTR pWrappedKey, CK_ULONG ulWrappedKeyLen, CK_ATTRIBUTE_PTR pTemplate,
+                               CK_ULONG ulAttributeCount, CK_OBJECT_HANDLE_PTR phKey)
+{
+    enter("C_UnwrapKey");
+    traceHandle("hSession", hSession);
+    traceMechanism(pMechanism);
+    traceObject("hUnwrappingKey", hUnwrappingKey);
+    TSQ_TraceSecureBytes(P11TraceContext, 4, "pWrappedKey", pWrappedKey, ulWrappedKeyLen);
+    TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulAttributeCount);
+    if (!initialized) return P11_traceExit("C_UnwrapKey", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    P11Obj* unwrappingKey = nullptr;
+    P11Obj* object = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = keyOf(hUnwrappingKey, &unwrappingKey);
+    if (rv == CKR_OK) rv = P11Obj_SW_construct(&object);
+    if (rv == CKR_OK)
+        rv = P11Obj_createAndUnwrapKey(unwrappingKey, pMechanism, pTemplate, ulAttributeCount, session, pWrappedKey,
+                                       ulWrappedKeyLen, object);
+    return deliverObject("C_UnwrapKey", rv, &object, phKey);
+}
+
+KORVO_EXPORT CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hBaseKey,
+                               CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount, CK_OBJECT_HANDLE_PTR phKey)
+{
+    enter("C_DeriveKey");
+    traceHandle("hSession", hSession);
+    traceMechanism(pMechanism);
+    traceObject("hBaseKey", hBaseKey);
+    TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulAttributeCount);
+    if (!initialized) return P11_traceExit("C_DeriveKey", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    P11Obj* baseKey = nullptr;
+    P11Obj* object = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = keyOf(hBaseKey, &baseKey);
+    if (rv == CKR_OK) rv = P11Obj_SW_construct(&object);
+    if (rv == CKR_OK) rv = P11Obj_createAndDeriveKey(baseKey, pMechanism, pTemplate, ulAttributeCount, session, object);
+    if (rv == CKR_OK && !phKey) {
+        // Derivations whose results travel in the mechanism parameter.
+        P11Obj_SW_destruct(&object);
+        return P11_traceExit("C_DeriveKey", CKR_OK);
+    }
+    return deliverObject("C_DeriveKey", rv, &object, phKey);
+}
+
+KORVO_EXPORT CK_RV C_SeedRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSeed, CK_ULONG ulSeedLen)
+{
+    enter("C_SeedRandom");
+    traceHandle("hSession", hSession);
+    TSQ_TraceSecureBytes(P11TraceContext, 4, "pSeed", pSeed, ulSeedLen);
+    if (!initialized) return P11_traceExit("C_SeedRandom", CKR_CRYPTOKI_NOT_INITIALIZED);
+    if (ulSeedLen && !pSeed) return P11_traceExit("C_SeedRandom", CKR_ARGUMENTS_BAD);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK) rv = P11Session_seedRandom(session, pSeed, ulSeedLen);
+    return P11_traceExit("C_SeedRandom", rv);
+}
+
+KORVO_EXPORT CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR RandomData, CK_ULONG ulRandomLen)
+{
+    enter("C_GenerateRandom");
+    traceHandle("hSession", hSession);
+    traceHandle("ulRandomLen", ulRandomLen);
+    if (!initialized) return P11_traceExit("C_GenerateRandom", CKR_CRYPTOKI_NOT_INITIALIZED);
+    P11Session* session = nullptr;
+    CK_RV rv = sessionOf(hSession, &session);
+    if (rv == CKR_OK && ulRandomLen && !RandomData) rv = CKR_ARGUMENTS_BAD;
+    if (rv == CKR_OK) rv = P11Session_generateRandom(session, RandomData, ulRandomLen);
+    if (rv == CKR_OK) {
+        TSQ_Trace(4, "Out:");
+        TSQ_TraceSecureBytes(P11TraceContext, 4, "RandomData", RandomData, ulRandomLen);
+    }
+    return P11_traceExit("C_GenerateRandom", rv);
+}
+
+KORVO_EXPORT CK_RV C_GetFunctionStatus(CK_SESSION_HANDLE hSession)
+{
+    enter("C_GetFunctionStatus");
+    traceHandle("hSession", hSession);
+    return fixedAnswer("C_GetFunctionStatus", CKR_FUNCTION_NOT_PARALLEL);
+}
+
+KORVO_EXPORT CK_RV C_CancelFunction(CK_SESSION_HANDLE hSession)
+{
+    enter("C_CancelFunction");
+    traceHandle("hSession", hSession);
+    return fixedAnswer("C_CancelFunction", CKR_FUNCTION_NOT_PARALLEL);
+}
+
+KORVO_EXPORT CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR pReserved)
+{
+    enter("C_WaitForSlotEvent");
+    TSQ_Trace(4, "flags = %lu", flags);
+    TSQ_Trace(4, "pReserved = %p", pReserved);
+    if (!initialized) return P11_traceExit("C_WaitForSlotEvent", CKR_CRYPTOKI_NOT_INITIALIZED);
+    return P11_traceExit("C_WaitForSlotEvent", P11Token_waitForSlotEvent(pToken, flags, pSlot));
+}

@@ -1,0 +1,49 @@
+#pragma once
+// The token's storage interface. The token has no writable storage: its
+// objects mirror the certificate files, everything that would write is
+// refused, and the login state is fixed.
+
+#include <cstdint>
+
+#include "pkcs11/P11Mutex.h"
+#include "pkcs11/cryptoki.h"
+
+struct P11Token;
+struct P11ObjList;
+struct P11FindContext;
+struct P11Obj;
+
+struct P11DB {
+    P11Token* token;
+    P11ObjList* objects;
+    CK_BYTE status[2];
+    uint64_t counters[3];
+};
+
+CK_RV P11DB_Initialize(P11DB** db, P11Token* token, const char* path);
+// Lets the mirrored objects and the record go.
+CK_RV P11DB_Finalize(P11DB* db);
+CK_RV P11DB_Login(P11DB* db, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen);
+CK_RV P11DB_Logout(P11DB* db);
+CK_RV P11DB_CheckSOPIN(P11DB* db, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen);
+CK_RV P11DB_SetPIN(P11DB* db, CK_UTF8CHAR_PTR oldPin, CK_ULONG oldLen, CK_UTF8CHAR_PTR newPin, CK_ULONG newLen);
+CK_RV P11DB_InitPIN(P11DB* db, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen);
+CK_RV P11DB_SetSOPIN(P11DB* db, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen);
+CK_RV P11DB_Reset(P11DB* db);
+CK_RV P11DB_SetLabel(P11DB* db, CK_UTF8CHAR_PTR label);
+// The 32-byte blank-padded label, no terminator.
+CK_RV P11DB_GetLabel(P11DB* db, CK_UTF8CHAR_PTR label);
+CK_RV P11DB_SetRandomSeed(P11DB* db, CK_BYTE_PTR seed, CK_ULONG seedLen);
+// Fills *length bytes from the system's random device; a null buffer does
+// nothing, so the caller's length stands.
+CK_RV P11DB_GetRandomSeed(P11DB* db, CK_BYTE_PTR buffer, CK_ULONG_PTR length);
+CK_RV P11DB_IsLoggedIn(P11DB* db, CK_BBOOL* loggedIn, CK_USER_TYPE* userType);
+CK_RV P11DB_AddObject(P11DB* db, P11Obj* object);
+CK_RV P11DB_StoreObject(P11DB* db, P11Obj* object);
+CK_RV P11DB_RemoveObject(P11DB* db, P11Obj* object);
+CK_RV P11DB_lockDB(P11DB* db, P11LockRecord* record);
+CK_RV P11DB_unlockDB(P11DB* db, P11LockRecord* record);
+CK_RV P11DB_lock(P11DB* db, P11LockRecord* record);
+CK_RV P11DB_unlock(P11DB* db, P11LockRecord* record);
+// Brings the token objects up to date, then offers them to the search.
+CK_RV P11DB_FindObjects(P11DB* db, P11FindContext* context);

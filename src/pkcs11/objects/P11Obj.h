@@ -1,0 +1,123 @@
+#pragma once
+// P11Obj: every PKCS#11 object (data, certificate, key, trust object). Its
+// first member points at a static class record of operations; the generic
+// P11Obj_* functions below are the only way the rest of the library touches
+// an object: they take the object's lock and dispatch through the record.
+
+#include <cstdint>
+
+#include "pkcs11/P11Mutex.h"
+#include "pkcs11/cryptoki.h"
+
+struct P11Token;
+struct P11Session;
+struct P11Obj;
+
+struct P11ObjClass {
+    const char* name;
+    CK_RV (*destruct)(P11Obj** object);
+    CK_RV (*setAttribute)(P11Obj* object, const CK_ATTRIBUTE* attribute);
+    CK_RV (*getAttribute)(P11Obj* object, CK_ATTRIBUTE* attribute);
+    CK_RV (*peekAttribute)(P11Obj* object, CK_ATTRIBUTE_TYPE type, const CK_ATTRIBUTE** attribute);
+    CK_RV (*copy)(P11Obj* source, P11Obj* destination);
+    CK_RV (*compare)(P11Obj* object, const CK_ATTRIBUTE* attribute, CK_BBOOL* match);
+    CK_RV (*enumAttributes)(P11Obj* object, uint32_t* cursor, const CK_ATTRIBUTE** attribute);
+    CK_RV (*getAttributeCount)(P11Obj* object, CK_ULONG* count);
+    CK_RV (*generateKey)(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
+    CK_RV (*generateKeyPair)(P11Obj* privateKey, P11Obj* publicKey, P11Session* session, CK_MECHANISM_PTR mechanism);
+    CK_RV (*encryptInit)(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
+    CK_RV (*encrypt)(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
+    CK_RV (*encryptUpdate)(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
+    CK_RV (*encryptFinal)(P11Obj* key, P11Session* session, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
+    CK_RV (*decryptInit)(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
+    CK_RV (*decrypt)(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
+    CK_RV (*decryptUpdate)(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
+    CK_RV (*decryptFinal)(P11Obj* key, P11Session* session, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
+    CK_RV (*signInit)(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
+    CK_RV (*sign)(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen);
+    CK_RV (*signUpdate)(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen);
+    CK_RV (*signFinal)(P11Obj* key, P11Session* session, CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen);
+    CK_RV (*signRecoverInit)(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
+    CK_RV (*signRecover)(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen);
+    CK_RV (*verifyInit)(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
+    CK_RV (*verify)(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR signature, CK_ULONG signatureLen);
+    CK_RV (*verifyUpdate)(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen);
+    CK_RV (*verifyFinal)(P11Obj* key, P11Session* session, CK_BYTE_PTR signature, CK_ULONG signatureLen);
+    CK_RV (*verifyRecoverInit)(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
+    CK_RV (*verifyRecover)(P11Obj* key, P11Session* session, CK_BYTE_PTR signature, CK_ULONG signatureLen, CK_BYTE_PTR data, CK_ULONG_PTR dataLen);
+    CK_RV (*deriveKey)(P11Obj* baseKey, P11Session* session, CK_MECHANISM_PTR mechanism, P11Obj* newKey);
+    CK_RV (*wrapKey)(P11Obj* wrappingKey, P11Session* session, CK_MECHANISM_PTR mechanism, P11Obj* key, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
+    CK_RV (*unwrapKey)(P11Obj* unwrappingKey, P11Session* session, CK_MECHANISM_PTR mechanism, CK_BYTE_PTR wrapped, CK_ULONG wrappedLen, P11Obj* newKey);
+};
+
+// The common header of every object; each class's record extends it.
+struct P11Obj {
+    const P11ObjClass* clazz;
+    P11Token* token;        // owner of a token object
+    P11Session* session;    // owner of a session object
+    CK_OBJECT_HANDLE handle;
+    uint64_t dbid;
+    P11MutexHandle mutex;
+};
+
+CK_OBJECT_HANDLE P11Obj_getHandle(const P11Obj* object);
+void P11Obj_setHandle(P11Obj* object, CK_OBJECT_HANDLE handle);
+
+// The object's own lock; the lock record discipline of P11Mutex.h.
+CK_RV P11Obj_lock(P11Obj* object, P11LockRecord* record);
+CK_RV P11Obj_unlock(P11Obj* object, P11LockRecord* record);
+
+// Attribute members, without locking.
+CK_RV P11Obj_peekAttribute(P11Obj* object, CK_ATTRIBUTE_TYPE type, const CK_ATTRIBUTE** attribute);
+CK_RV P11Obj_compare(P11Obj* object, const CK_ATTRIBUTE* attribute, CK_BBOOL* match);
+CK_RV P11Obj_getBoolValue(P11Obj* object, CK_ATTRIBUTE_TYPE type, CK_BBOOL* value);
+// CKA_PRIVATE, under the object lock.
+CK_RV P11Obj_isPrivate(P11Obj* object, CK_BBOOL* isPrivate);
+// True when every template entry is held with equal bytes; an empty
+// template matches everything.
+CK_RV P11Obj_compareToTemplate(P11Obj* object, CK_ATTRIBUTE_PTR attributes, CK_ULONG count, CK_BBOOL* match);
+// Waits out current users of the object, then frees it; null is fine.
+CK_RV P11Obj_destruct(P11Obj** object);
+
+// Dispatchers of the cryptographic members: the object is locked for the
+// member call. A null key gives CKR_KEY_HANDLE_INVALID.
+CK_RV P11Obj_encryptInit(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
+CK_RV P11Obj_encrypt(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
+CK_RV P11Obj_encryptUpdate(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
+CK_RV P11Obj_encryptFinal(P11Obj* key, P11Session* session, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
+CK_RV P11Obj_decryptInit(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
+CK_RV P11Obj_decrypt(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
+CK_RV P11Obj_decryptUpdate(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
+CK_RV P11Obj_decryptFinal(P11Obj* key, P11Session* session, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
+CK_RV P11Obj_signInit(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
+CK_RV P11Obj_sign(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen);
+CK_RV P11Obj_signUpdate(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen);
+CK_RV P11Obj_signFinal(P11Obj* key, P11Session* session, CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen);
+CK_RV P11Obj_signRecoverInit(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
+CK_RV P11Obj_signRecover(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen);
+CK_RV P11Obj_verifyInit(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
+CK_RV P11Obj_verify(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR signature, CK_ULONG signatureLen);
+CK_RV P11Obj_verifyUpdate(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen);
+CK_RV P11Obj_verifyFinal(P11Obj* key, P11Session* session, CK_BYTE_PTR signature, CK_ULONG signatureLen);
+CK_RV P11Obj_verifyRecoverInit(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
+CK_RV P11Obj_verifyRecover(P11Obj* key, P11Session* session, CK_BYTE_PTR signature, CK_ULONG signatureLen, CK_BYTE_PTR data, CK_ULONG_PTR dataLen);
+CK_RV P11Obj_wrapKey(P11Obj* wrappingKey, P11Session* session, CK_MECHANISM_PTR mechanism, P11Obj* key, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
+
+// The object-level halves of the object-creating and attribute calls.
+CK_RV P11Obj_createObject(P11Obj* object, P11Session* session, CK_ATTRIBUTE_PTR attributes, CK_ULONG count);
+CK_RV P11Obj_copyObject(P11Obj* source, P11Obj* object, P11Session* session, CK_ATTRIBUTE_PTR attributes, CK_ULONG count);
+CK_RV P11Obj_createAndGenerateKey(P11Obj* object, CK_MECHANISM_PTR mechanism, CK_ATTRIBUTE_PTR attributes, CK_ULONG count, P11Session* session);
+CK_RV P11Obj_createAndGenerateKeyPair(P11Obj* publicKey, P11Obj* privateKey, CK_MECHANISM_PTR mechanism,
+                                      CK_ATTRIBUTE_PTR publicAttributes, CK_ULONG publicCount,
+                                      CK_ATTRIBUTE_PTR privateAttributes, CK_ULONG privateCount, P11Session* session);
+CK_RV P11Obj_createAndUnwrapKey(P11Obj* unwrappingKey, CK_MECHANISM_PTR mechanism, CK_ATTRIBUTE_PTR attributes, CK_ULONG count,
+                                P11Session* session, CK_BYTE_PTR wrapped, CK_ULONG wrappedLen, P11Obj* object);
+CK_RV P11Obj_createAndDeriveKey(P11Obj* baseKey, CK_MECHANISM_PTR mechanism, CK_ATTRIBUTE_PTR attributes, CK_ULONG count,
+                                P11Session* session, P11Obj* object);
+CK_RV P11Obj_destroyObject(P11Obj** object, P11Session* session);
+CK_RV P11Obj_getAttributeValues(P11Obj* object, CK_ATTRIBUTE_PTR attributes, CK_ULONG count);
+CK_RV P11Obj_setAttributeValues(P11Obj* object, CK_ATTRIBUTE_PTR attributes, CK_ULONG count);
+
+// An empty software object for the creating calls to fill.
+CK_RV P11Obj_SW_construct(P11Obj** object);
+CK_RV P11Obj_SW_destruct(P11Obj** object);
