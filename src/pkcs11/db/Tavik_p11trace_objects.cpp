@@ -1,11 +1,19 @@
-#include "pkcs11/db/Tavik_p11trace.h"
+// Describes an object for the call trace through the token's own lookup.
 
-// How the trace learns an object's label and identifier. Until the token has
-// an object lookup, no handle is known to it; the token's lookup replaces
-// this definition (find the object by handle, read its CKA_LABEL and CKA_ID,
-// and answer false for a handle that belongs to no object).
-bool P11Trace_describeObject(P11Token* /*token*/, CK_OBJECT_HANDLE /*handle*/, std::string* /*label*/,
-                             std::string* /*idHex*/)
+#include "deps/cpp_modules/ByteArray.h"
+#include "pkcs11/P11Token.h"
+#include "pkcs11/db/Tavik_p11trace.h"
+#include "pkcs11/objects/P11Obj.h"
+
+bool P11Trace_describeObject(P11Token* token, CK_OBJECT_HANDLE handle, std::string* label, std::string* idHex)
 {
-    return false;
+    P11Obj* object = nullptr;
+    if (P11Token_findObjectHandle(token, handle, &object) != CKR_OK || !object) return false;
+    const CK_ATTRIBUTE* attribute = nullptr;
+    if (P11Obj_peekAttribute(object, CKA_LABEL, &attribute) == CKR_OK && attribute && attribute->pValue)
+        label->assign(static_cast<const char*>(attribute->pValue), attribute->ulValueLen);
+    attribute = nullptr;
+    if (P11Obj_peekAttribute(object, CKA_ID, &attribute) == CKR_OK && attribute && attribute->pValue)
+        *idHex = ByteArray_constSlice(static_cast<const uint8_t*>(attribute->pValue), attribute->ulValueLen).toHex();
+    return true;
 }
