@@ -29,12 +29,14 @@ private:
     P11LockRecord record_ = nullptr;
 };
 
-// Ends the active operation: no kind, no key, no mechanism state.
+// Ends the active operation, whatever its kind: no kind, no key, no
+// mechanism state, no search.
 void endOperation(P11Session* session)
 {
     session->activeOperation = P11_OP_NONE;
     session->operationKey = nullptr;
     P11Session_freeOperationData(session);
+    P11FindContext_destruct(&session->findContext);
 }
 
 template <typename Init>
