@@ -3,6 +3,8 @@
 // generator, the open sessions, the login state, the counter from which every
 // session and object handle is drawn, and the token and handle mutexes.
 
+#include <atomic>
+
 #include "pkcs11/P11Mutex.h"
 #include "pkcs11/cryptoki.h"
 
@@ -17,8 +19,9 @@ struct P11Token {
     P11DB* database;
     csprgbg_state* rng;
     P11SessionList* sessions;
-    CK_ULONG sessionCount;
-    CK_ULONG rwSessionCount;
+    // Changed under the token mutex; C_GetTokenInfo reads them without it.
+    std::atomic<CK_ULONG> sessionCount{0};
+    std::atomic<CK_ULONG> rwSessionCount{0};
     P11MutexHandle tokenMutex;
     P11MutexHandle handleMutex;   // also serialises the random generator
     CK_ULONG handleCounter;       // last handle issued
