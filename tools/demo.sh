@@ -36,3 +36,34 @@ sha224sum "$sample" | awk '{print "SHA-224    " $1}'
 sha256sum "$sample" | awk '{print "SHA-256    " $1}'
 sha384sum "$sample" | awk '{print "SHA-384    " $1}'
 sha512sum "$sample" | awk '{print "SHA-512    " $1}'
+
+# The module as an application sees it: loaded by OpenSC's pkcs11-tool.
+echo
+echo "== The module through pkcs11-tool =="
+p11() {
+  echo
+  echo "\$ pkcs11-tool --module $module $*"
+  pkcs11-tool --module "$module" "$@" || {
+    status=$?
+    echo "pkcs11-tool $* failed with status $status" >&2
+    exit "$status"
+  }
+}
+p11 -I
+p11 -L
+p11 -T
+p11 -M
+digest="$sandbox/sample.sha256"
+p11 --hash -m SHA256 -i "$sample" -o "$digest"
+
+ours=$(od -An -v -tx1 "$digest" | tr -d ' \n')
+theirs=$(sha256sum "$sample" | awk '{print $1}')
+echo
+echo "SHA-256 through the module: $ours"
+echo "SHA-256 from sha256sum:     $theirs"
+if [ "$ours" = "$theirs" ]; then
+  echo "SHA-256 through the module matches sha256sum"
+else
+  echo "MISMATCH: SHA-256 through the module differs from sha256sum" >&2
+  exit 1
+fi

@@ -9,6 +9,7 @@ packages=(
   libssl-dev openssl
   libnss3-dev libnspr4-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
+  opensc softhsm2
 )
 
 missing=()

@@ -1,0 +1,441 @@
+// The Korvo module side by side with SoftHSM2 through the same dlopen harness,
+// and with OpenSSL's own SHA-256 in the same run:
+//
+//   - C_DigestInit + C_Digest, CKM_SHA256, on 1 MiB (throughput) and on 64 bytes (call rate);
+//   - C_OpenSession + C_CloseSession pairs;
+//   - EVP_Digest with EVP_sha256() on the same buffers.
+//
+// At the end it prints both modules' figures in one table and the two ratios
+// the module is held to: its 1 MiB throughput against OpenSSL's (>= 0.95) and
+// its 64-byte call rate against SoftHSM2's (>= 2.0).
+//
+//     cmake -S . -B build -DKORVO_BENCH=ON && cmake --build build --target p11_bench
+//     build/bench/p11_bench [--benchmark_repetitions=5] [options below] [Google Benchmark flags]
+//
+//   --null_init_args          C_Initialize(NULL) instead of CKF_OS_LOCKING_OK arguments
+//   --enforce_targets         exit with status 2 when a target is missed
+//   --korvo_module=PATH       another build of the module (default: the one CMake built)
+//   --softhsm2_module=PATH    another SoftHSM2 (default: /usr/lib/softhsm/libsofthsm2.so)
+//
+// Nothing outside temporary directories is touched: HOME points at a fresh
+// directory before the Korvo module is loaded, and SoftHSM2 gets a
+// configuration file and token directory of its own (its token is initialised
+// through C_InitToken). Both are removed at exit.
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+#include <openssl/evp.h>
+
+#include "p11_harness.h"
+
+#ifndef KORVO_MODULE_PATH
+#error "KORVO_MODULE_PATH must name the built module"
+#endif
+#ifndef SOFTHSM2_MODULE_PATH
+#define SOFTHSM2_MODULE_PATH "/usr/lib/softhsm/libsofthsm2.so"
+#endif
+
+namespace {
+
+using p11bench::Module;
+using p11bench::rvName;
+
+constexpr size_t kLargeSize = size_t(1) << 20;
+constexpr size_t kSmallSize = 64;
+constexpr double kTargetLargeVsOpenSsl = 0.95;
+constexpr double kTargetSmallVsSoftHsm = 2.0;
+constexpr CK_ULONG kSha256Length = 32;
+
+const char* const kKorvo = "Korvo";
+const char* const kSoftHsm = "SoftHSM2";
+const char* const kOpenSsl = "OpenSSL";
+
+const char* const kLargeFamily = "SHA256_C_Digest_1MiB";
+const char* const kSmallFamily = "SHA256_C_Digest_64B";
+const char* const kSessionFamily = "C_OpenSession_C_CloseSession";
+
+// A directory made at start-up and removed with everything in it at exit.
+class TempDir {
+public:
+    explicit TempDir(const char* prefix)
+    {
+        std::string pattern = std::filesystem::temp_directory_path().string() + "/" + prefix + "XXXXXX";
+        std::vector<char> buffer(pattern.begin(), pattern.end());
+        buffer.push_back('\0');
+        if (mkdtemp(buffer.data())) path_ = buffer.data();
+    }
+    ~TempDir()
+    {
+        std::error_code ignored;
+        if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    bool ok() const { return !path_.empty(); }
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// A module ready to be measured: loaded, initialised, with a session open.
+struct Target {
+    std::unique_ptr<Module> module;
+    CK_SLOT_ID slot = 0;
+    CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
+    bool ready = false;
+};
+
+std::vector<unsigned char> makeBuffer(size_t size)
+{
+    std::vector<unsigned char> data(size);
+    for (size_t i = 0; i < size; ++i) data[i] = static_cast<unsigned char>(i * 131u + 7u);
+    return data;
+}
+
+const std::vector<unsigned char>& largeBuffer()
+{
+    static const std::vector<unsigned char> data = makeBuffer(kLargeSize);
+    return data;
+}
+
+const std::vector<unsigned char>& smallBuffer()
+{
+    static const std::vector<unsigned char> data = makeBuffer(kSmallSize);
+    return data;
+}
+
+CK_RV digestOnce(const Target& target, const std::vector<unsigned char>& data, CK_BYTE* out, CK_ULONG* outLength)
+{
+    CK_MECHANISM mechanism = {CKM_SHA256, nullptr, 0};
+    CK_FUNCTION_LIST_PTR f = target.module->functions();
+    CK_RV rv = f->C_DigestInit(target.session, &mechanism);
+    if (rv != CKR_OK) return rv;
+    return f->C_Digest(target.session, const_cast<CK_BYTE_PTR>(data.data()), CK_ULONG(data.size()), out, outLength);
+}
+
+// Before anything is timed: the module's SHA-256 must equal OpenSSL's.
+bool checkDigests(Target& target)
+{
+    for (const auto* data : {&largeBuffer(), &smallBuffer()}) {
+        unsigned char expected[EVP_MAX_MD_SIZE];
+        unsigned int expectedLength = 0;
+        EVP_Digest(data->data(), data->size(), expected, &expectedLength, EVP_sha256(), nullptr);
+        CK_BYTE got[64];
+        CK_ULONG gotLength = sizeof got;
+        const CK_RV rv = digestOnce(target, *data, got, &gotLength);
+        if (rv != CKR_OK) return target.module->fail("C_DigestInit/C_Digest (CKM_SHA256)", rv);
+        if (gotLength != expectedLength || std::memcmp(got, expected, expectedLength) != 0)
+            return target.module->fail("C_Digest gave a SHA-256 different from OpenSSL's on " + std::to_string(data->size()) +
+                                       " bytes");
+    }
+    return true;
+}
+
+bool prepareKorvo(Target& target, const std::string& path, bool osLocking)
+{
+    target.module = std::make_unique<Module>(kKorvo, path);
+    Module& m = *target.module;
+    if (!m.load(osLocking)) return false;
+    if (!m.findSlot(&target.slot, Module::TokenState::Any)) return false;
+    if (!m.openSession(target.slot, &target.session)) return false;
+    return checkDigests(target);
+}
+
+bool prepareSoftHsm(Target& target, const std::string& path, bool osLocking)
+{
+    target.module = std::make_unique<Module>(kSoftHsm, path);
+    Module& m = *target.module;
+    if (!m.load(osLocking)) return false;
+
+    // The token directory starts empty, so the module shows one fresh token.
+    CK_SLOT_ID fresh = 0;
+    if (!m.findSlot(&fresh, Module::TokenState::Fresh)) return false;
+    CK_UTF8CHAR label[32];
+    std::memset(label, ' ', sizeof label);
+    std::memcpy(label, "bench", 5);
+    CK_UTF8CHAR soPin[] = {'1', '2', '3', '4'};
+    const CK_RV rv = m.functions()->C_InitToken(fresh, soPin, sizeof soPin, label);
+    if (rv != CKR_OK) return m.fail("C_InitToken", rv);
+    // The initialised token is listed under its new slot id after a restart.
+    if (!m.reinitialise()) return false;
+    if (!m.findSlot(&target.slot, Module::TokenState::Initialised)) return false;
+    if (!m.openSession(target.slot, &target.session)) return false;
+    return checkDigests(target);
+}
+
+void BM_C_Digest(benchmark::State& state, Target* target, const std::vector<unsigned char>* data)
+{
+    CK_BYTE digest[kSha256Length];
+    for (auto _ : state) {
+        CK_ULONG length = sizeof digest;
+        const CK_RV rv = digestOnce(*target, *data, digest, &length);
+        if (rv != CKR_OK) {
+            state.SkipWithError(("C_DigestInit/C_Digest returned " + rvName(rv)).c_str());
+            break;
+        }
+        benchmark::DoNotOptimize(digest);
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data->size()));
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
+void BM_OpenCloseSession(benchmark::State& state, Target* target)
+{
+    CK_FUNCTION_LIST_PTR f = target->module->functions();
+    for (auto _ : state) {
+        CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
+        CK_RV rv = f->C_OpenSession(target->slot, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
+        if (rv == CKR_OK) rv = f->C_CloseSession(session);
+        if (rv != CKR_OK) {
+            state.SkipWithError(("C_OpenSession/C_CloseSession returned " + rvName(rv)).c_str());
+            break;
+        }
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
+void BM_EVP_Digest(benchmark::State& state, const std::vector<unsigned char>* data)
+{
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    for (auto _ : state) {
+        EVP_Digest(data->data(), data->size(), digest, nullptr, EVP_sha256(), nullptr);
+        benchmark::DoNotOptimize(digest);
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data->size()));
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
+// Prints as the console reporter does and keeps every run's wall-clock rate
+// (the items_per_second counter: one item is one timed iteration) under
+// "family/subject"; with --benchmark_report_aggregates_only it keeps the
+// median aggregate instead.
+class CollectingReporter : public benchmark::ConsoleReporter {
+public:
+    explicit CollectingReporter(OutputOptions options) : benchmark::ConsoleReporter(options) {}
+
+    void ReportRuns(const std::vector<Run>& reports) override
+    {
+        benchmark::ConsoleReporter::ReportRuns(reports);
+        for (const Run& run : reports) {
+            if (run.error_occurred) continue;
+            const auto counter = run.counters.find("items_per_second");
+            if (counter == run.counters.end() || counter->second.value <= 0) continue;
+            const std::string& name = run.run_name.function_name;
+            if (run.run_type == Run::RT_Iteration) rates_[name].push_back(counter->second.value);
+            else if (run.aggregate_name == "median") medians_[name] = {counter->second.value, size_t(run.repetitions)};
+        }
+    }
+
+    // The median over repetitions, or 0 when the benchmark did not run.
+    double rate(const std::string& name) const
+    {
+        auto it = rates_.find(name);
+        if (it == rates_.end() || it->second.empty()) {
+            auto median = medians_.find(name);
+            return median == medians_.end() ? 0 : median->second.first;
+        }
+        std::vector<double> values = it->second;
+        std::sort(values.begin(), values.end());
+        const size_t n = values.size();
+        return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+    }
+
+    // How many repetitions the figure of `name` summarises.
+    size_t repetitions(const std::string& name) const
+    {
+        auto it = rates_.find(name);
+        if (it != rates_.end() && !it->second.empty()) return it->second.size();
+        auto median = medians_.find(name);
+        return median == medians_.end() ? 0 : median->second.second;
+    }
+
+private:
+    std::map<std::string, std::vector<double>> rates_;
+    std::map<std::string, std::pair<double, size_t>> medians_;  // median rate, repetitions
+};
+
+std::string key(const char* family, const char* subject)
+{
+    return std::string(family) + "/" + subject;
+}
+
+std::string cell(double value, const char* format)
+{
+    if (value <= 0) return "n/a";
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, format, value);
+    return buffer;
+}
+
+// Returns whether the ratio is known and meets the target.
+bool printRatio(const char* what, double ours, double theirs, double target, bool* known)
+{
+    if (ours <= 0 || theirs <= 0) {
+        std::printf("%-56s n/a   (target >= %.2f)  NOT MEASURED\n", what, target);
+        *known = false;
+        return false;
+    }
+    const double ratio = ours / theirs;
+    const bool met = ratio >= target;
+    std::printf("%-56s %.3f (target >= %.2f)  %s\n", what, ratio, target, met ? "MET" : "NOT MET");
+    *known = true;
+    return met;
+}
+
+bool takeFlag(const char* arg, const char* name, std::string* value)
+{
+    const size_t n = std::strlen(name);
+    if (std::strncmp(arg, name, n) != 0) return false;
+    if (arg[n] == '=') {
+        *value = arg + n + 1;
+        return true;
+    }
+    if (arg[n] == '\0') {
+        value->clear();
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    std::string korvoPath = KORVO_MODULE_PATH;
+    std::string softHsmPath = SOFTHSM2_MODULE_PATH;
+    bool osLocking = true;
+    bool enforce = false;
+
+    // Our own flags first; what is left goes to Google Benchmark.
+    int kept = 1;
+    for (int i = 1; i < argc; ++i) {
+        std::string value;
+        if (takeFlag(argv[i], "--korvo_module", &value)) korvoPath = value;
+        else if (takeFlag(argv[i], "--softhsm2_module", &value)) softHsmPath = value;
+        else if (takeFlag(argv[i], "--null_init_args", &value)) osLocking = false;
+        else if (takeFlag(argv[i], "--enforce_targets", &value)) enforce = true;
+        else argv[kept++] = argv[i];
+    }
+    argc = kept;
+    argv[argc] = nullptr;
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+
+    // The sandboxes, set up before either module is loaded.
+    TempDir home("p11bench-home-");
+    TempDir softHsmDir("p11bench-softhsm2-");
+    if (!home.ok() || !softHsmDir.ok()) {
+        std::fprintf(stderr, "p11_bench: cannot create temporary directories\n");
+        return 1;
+    }
+    setenv("HOME", home.path().c_str(), 1);
+    unsetenv("XDG_CONFIG_HOME");
+    const std::string tokenDir = softHsmDir.path() + "/tokens";
+    const std::string softHsmConf = softHsmDir.path() + "/softhsm2.conf";
+    std::filesystem::create_directories(tokenDir);
+    {
+        std::ofstream conf(softHsmConf);
+        conf << "directories.tokendir = " << tokenDir << "\n"
+             << "objectstore.backend = file\n"
+             << "log.level = ERROR\n"
+             << "slots.removable = false\n";
+    }
+    setenv("SOFTHSM2_CONF", softHsmConf.c_str(), 1);
+
+    Target korvo, softHsm;
+    korvo.ready = prepareKorvo(korvo, korvoPath, osLocking);
+    softHsm.ready = prepareSoftHsm(softHsm, softHsmPath, osLocking);
+
+    std::printf("Korvo:    %s\n          %s\n", korvoPath.c_str(),
+                korvo.ready ? "ready" : ("UNAVAILABLE - " + korvo.module->error()).c_str());
+    std::printf("SoftHSM2: %s\n          %s\n", softHsmPath.c_str(),
+                softHsm.ready ? "ready" : ("UNAVAILABLE - " + softHsm.module->error()).c_str());
+    std::printf("C_Initialize: %s; every digest checked against OpenSSL before timing\n\n",
+                osLocking ? "CKF_OS_LOCKING_OK" : "NULL");
+    std::fflush(stdout);
+
+    const std::vector<unsigned char>* large = &largeBuffer();
+    const std::vector<unsigned char>* small = &smallBuffer();
+    const std::pair<const char*, Target*> modules[] = {{kKorvo, &korvo}, {kSoftHsm, &softHsm}};
+
+    for (const auto& [name, target] : modules)
+        if (target->ready)
+            benchmark::RegisterBenchmark(key(kLargeFamily, name).c_str(), BM_C_Digest, target, large)->UseRealTime();
+    benchmark::RegisterBenchmark(key(kLargeFamily, kOpenSsl).c_str(), BM_EVP_Digest, large)->UseRealTime();
+    for (const auto& [name, target] : modules)
+        if (target->ready)
+            benchmark::RegisterBenchmark(key(kSmallFamily, name).c_str(), BM_C_Digest, target, small)->UseRealTime();
+    benchmark::RegisterBenchmark(key(kSmallFamily, kOpenSsl).c_str(), BM_EVP_Digest, small)->UseRealTime();
+    for (const auto& [name, target] : modules)
+        if (target->ready)
+            benchmark::RegisterBenchmark(key(kSessionFamily, name).c_str(), BM_OpenCloseSession, target)->UseRealTime();
+
+    // Colours only on a terminal, as Google Benchmark's own reporter does.
+    CollectingReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_Defaults
+                                                      : benchmark::ConsoleReporter::OO_Tabular);
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+
+    // The side-by-side table.
+    const double mib = 1024.0 * 1024.0;
+    struct Row {
+        const char* title;
+        const char* family;
+        double scale;  // the rate (iterations/s) times this gives the unit...
+        bool inverse;  // ...or, when set, this divided by the rate does
+        const char* format;
+    };
+    const Row rows[] = {
+        {"SHA-256 C_Digest 1 MiB       [MiB/s]", kLargeFamily, double(kLargeSize) / mib, false, "%.1f"},
+        {"SHA-256 C_Digest 64 B        [calls/s]", kSmallFamily, 1.0, false, "%.0f"},
+        {"SHA-256 C_Digest 64 B        [us/call]", kSmallFamily, 1e6, true, "%.3f"},
+        {"C_OpenSession+C_CloseSession [pairs/s]", kSessionFamily, 1.0, false, "%.0f"},
+    };
+    const size_t reps = std::max<size_t>(1, reporter.repetitions(key(kLargeFamily, kOpenSsl)));
+    std::printf("\n== Side by side (wall clock; %s) ==\n",
+                reps > 1 ? ("median of " + std::to_string(reps) + " repetitions").c_str() : "one repetition");
+    std::printf("%-40s %14s %14s %14s\n", "", kKorvo, kSoftHsm, "OpenSSL EVP");
+    for (const Row& row : rows) {
+        std::printf("%-40s", row.title);
+        for (const char* subject : {kKorvo, kSoftHsm, kOpenSsl}) {
+            const double rate = reporter.rate(key(row.family, subject));
+            const double value = rate <= 0 ? 0 : row.inverse ? row.scale / rate : rate * row.scale;
+            const bool applies = std::strcmp(subject, kOpenSsl) != 0 || std::strcmp(row.family, kSessionFamily) != 0;
+            std::printf(" %14s", applies ? cell(value, row.format).c_str() : "-");
+        }
+        std::printf("\n");
+    }
+
+    const double ourLarge = reporter.rate(key(kLargeFamily, kKorvo));
+    const double openSslLarge = reporter.rate(key(kLargeFamily, kOpenSsl));
+    const double ourSmall = reporter.rate(key(kSmallFamily, kKorvo));
+    const double softHsmSmall = reporter.rate(key(kSmallFamily, kSoftHsm));
+
+    std::printf("\n== Ratios ==\n");
+    bool largeKnown = false, smallKnown = false;
+    const bool largeMet = printRatio("Korvo 1 MiB C_Digest throughput / OpenSSL EVP_Digest", ourLarge, openSslLarge,
+                                     kTargetLargeVsOpenSsl, &largeKnown);
+    const bool smallMet = printRatio("Korvo 64 B C_Digest call rate / SoftHSM2", ourSmall, softHsmSmall,
+                                     kTargetSmallVsSoftHsm, &smallKnown);
+    if (!korvo.ready) std::printf("(Korvo not measured: %s)\n", korvo.module->error().c_str());
+    if (!softHsm.ready) std::printf("(SoftHSM2 not measured: %s)\n", softHsm.module->error().c_str());
+
+    if (!korvo.ready || !softHsm.ready) return 1;
+    if (enforce && (!largeMet || !smallMet)) return 2;
+    return 0;
+}
