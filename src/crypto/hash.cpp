@@ -111,7 +111,10 @@ int do_hash(hash_context* ctx, const unsigned char* data, size_t len)
         md2_update(&ctx->md2, data, len);
         return CRYPTO_OK;
     }
-    OsslErrorGuard guard;
+    // No error-queue guard here or in stop_hash: these run on every call of a
+    // digest, the guard costs more than hashing a short message, and on a
+    // context that started successfully the digests of our providers do not
+    // fail. start_hash, where fetching and allocation can fail, keeps it.
     return EVP_DigestUpdate(ctx->md, data, len) == 1 ? CRYPTO_OK : CRYPTO_ERR_FAILED;
 }
 
@@ -126,7 +129,6 @@ int stop_hash(hash_context* ctx, unsigned char* digest)
     } else if (ctx->md == nullptr) {
         md2_final(&ctx->md2, digest);
     } else {
-        OsslErrorGuard guard;
         if (EVP_DigestFinal_ex(ctx->md, digest, nullptr) != 1)
             rc = CRYPTO_ERR_FAILED;
     }

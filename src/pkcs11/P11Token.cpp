@@ -119,21 +119,21 @@ CK_RV withGenerator(P11Token* token, Operation operation)
 
 CK_RV lockMutex(P11MutexHandle mutex, P11LockRecord* record, const char* locking, const char* locked)
 {
-    TSQ_Trace(5, locking, mutex);
+    TSQ_TRACE_DETAIL(5, locking, mutex);
     const CK_RV rv = P11Mutex_lock(mutex);
     if (rv != CKR_OK) return rv;
     *record = mutex;
-    TSQ_Trace(5, locked, mutex);
+    TSQ_TRACE_DETAIL(5, locked, mutex);
     return CKR_OK;
 }
 
 CK_RV unlockMutex(P11LockRecord* record, const char* unlocking, const char* unlocked)
 {
     if (!*record) return CKR_OK;
-    TSQ_Trace(5, unlocking, *record);
+    TSQ_TRACE_DETAIL(5, unlocking, *record);
     const CK_RV rv = P11Mutex_unlock(*record);
     if (rv != CKR_OK) return rv;
-    TSQ_Trace(5, unlocked, *record);
+    TSQ_TRACE_DETAIL(5, unlocked, *record);
     *record = nullptr;
     return CKR_OK;
 }

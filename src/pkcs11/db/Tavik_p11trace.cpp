@@ -16,8 +16,7 @@ TSQ_TraceContext* P11TraceContext = nullptr;
 
 namespace {
 
-// The threshold of this build: level-5 lock lines are never written.
-const int kTraceThreshold = 4;
+const int kTraceThreshold = TSQ_TRACE_THRESHOLD;
 
 const char* const kApplicationName = "Tavik PKCS#11";
 

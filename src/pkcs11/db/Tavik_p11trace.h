@@ -57,6 +57,17 @@ bool TSQ_TraceEnabled(const TSQ_TraceContext* context, int level);
 // One line through the given context, as it is.
 void TSQ_TraceLine(const TSQ_TraceContext* context, int level, const std::string& text);
 
+// The most detailed level this build writes. Lines above it (the level-5
+// lock lines) are dropped before any text is built.
+constexpr int TSQ_TRACE_THRESHOLD = 4;
+
+// A line that is compiled away entirely when its level is above this
+// build's threshold; the lock lines use it, since they sit on every call.
+#define TSQ_TRACE_DETAIL(level, ...)                                  \
+    do {                                                              \
+        if constexpr ((level) <= TSQ_TRACE_THRESHOLD) TSQ_Trace(level, __VA_ARGS__); \
+    } while (0)
+
 // One printf-style line through P11TraceContext, e.g.
 // TSQ_Trace(3, "Entering %s", "C_SignInit").
 void TSQ_Trace(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
