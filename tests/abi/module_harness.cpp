@@ -1,0 +1,134 @@
+#include "abi/module_harness.h"
+
+#include <dlfcn.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace korvo {
+
+namespace {
+
+// The module reads its settings from $HOME/.config at C_Initialize, and the
+// settings store fixes its paths on first use: the temporary home must be in
+// place before any test runs, hence static initialisation.
+struct TempHome {
+    std::string path;
+    TempHome()
+    {
+        char pattern[] = "/tmp/korvo-abi-home-XXXXXX";
+        const char* dir = mkdtemp(pattern);
+        if (!dir) std::abort();
+        path = dir;
+        setenv("HOME", dir, 1);
+        unsetenv("XDG_CONFIG_HOME");
+    }
+    ~TempHome()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+};
+
+const TempHome home;
+
+struct Module {
+    void* handle = nullptr;
+    CK_FUNCTION_LIST_PTR list = nullptr;
+    std::string error;
+
+    Module()
+    {
+        handle = dlopen(KORVO_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
+        if (!handle) {
+            error = dlerror();
+            return;
+        }
+        auto getList = reinterpret_cast<CK_C_GetFunctionList>(dlsym(handle, "C_GetFunctionList"));
+        if (!getList) {
+            error = "C_GetFunctionList is not exported";
+            return;
+        }
+        const CK_RV rv = getList(&list);
+        if (rv != CKR_OK || !list) {
+            error = "C_GetFunctionList failed with " + std::to_string(rv);
+            list = nullptr;
+        }
+    }
+    // The module stays loaded until the process ends, as in an application.
+};
+
+Module& module()
+{
+    static Module instance;
+    return instance;
+}
+
+}  // namespace
+
+CK_FUNCTION_LIST_PTR functions()
+{
+    return module().list;
+}
+
+const std::string& loadError()
+{
+    return module().error;
+}
+
+void* moduleHandle()
+{
+    return module().handle;
+}
+
+const std::string& tempHome()
+{
+    return home.path;
+}
+
+std::string padded(const std::string& text, size_t width)
+{
+    std::string result = text;
+    result.resize(width, ' ');
+    return result;
+}
+
+std::string hex(const CK_BYTE* data, size_t length)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    for (size_t i = 0; i < length; ++i) {
+        out += digits[data[i] >> 4];
+        out += digits[data[i] & 0xf];
+    }
+    return out;
+}
+
+void ModuleTest::SetUp()
+{
+    p = functions();
+    ASSERT_NE(p, nullptr) << loadError();
+}
+
+void ModuleTest::TearDown()
+{
+    if (!p) return;
+    const CK_RV rv = p->C_Finalize(nullptr);
+    EXPECT_TRUE(rv == CKR_OK || rv == CKR_CRYPTOKI_NOT_INITIALIZED) << "C_Finalize returned " << rv;
+}
+
+void InitializedTest::SetUp()
+{
+    ModuleTest::SetUp();
+    if (HasFatalFailure()) return;
+    ASSERT_EQ(p->C_Initialize(initArgs()), CKR_OK);
+}
+
+CK_SESSION_HANDLE InitializedTest::openSession(CK_FLAGS flags)
+{
+    CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
+    EXPECT_EQ(p->C_OpenSession(0, flags, nullptr, nullptr, &session), CKR_OK);
+    return session;
+}
+
+}  // namespace korvo
