@@ -38,3 +38,31 @@ CK_RV P11_createGlobalFunctionLock();
 CK_RV P11_destroyGlobalLock();
 CK_RV P11_globalLock();
 CK_RV P11_globalUnlock();
+
+// Holds a lock record for a scope. release() unlocks at the point of the
+// caller's choosing and folds a failed unlock into the result; whatever is
+// still held when the scope ends is unlocked then.
+template <typename Owner>
+class P11LockGuard {
+public:
+    typedef CK_RV (*LockFunction)(Owner*, P11LockRecord*);
+
+    P11LockGuard(Owner* owner, LockFunction lock, LockFunction unlock) : owner_(owner), lock_(lock), unlock_(unlock) {}
+    P11LockGuard(const P11LockGuard&) = delete;
+    P11LockGuard& operator=(const P11LockGuard&) = delete;
+    ~P11LockGuard() { unlock_(owner_, &record_); }
+
+    CK_RV lock() { return lock_(owner_, &record_); }
+    CK_RV release(CK_RV rv)
+    {
+        const CK_RV unlockRv = unlock_(owner_, &record_);
+        record_ = nullptr;  // a failed unlock is reported, not retried
+        return rv != CKR_OK ? rv : unlockRv;
+    }
+
+private:
+    Owner* owner_;
+    LockFunction lock_;
+    LockFunction unlock_;
+    P11LockRecord record_ = nullptr;
+};

@@ -10,23 +10,10 @@
 
 namespace {
 
-// Holds the session mutex for a scope; the lock-record discipline makes a
-// second unlock harmless.
-class SessionLock {
+// Holds the session mutex for a scope.
+class SessionLock : public P11LockGuard<P11Session> {
 public:
-    explicit SessionLock(P11Session* session) : session_(session) {}
-    CK_RV lock() { return P11Session_lock(session_, &record_); }
-    CK_RV release(CK_RV rv)
-    {
-        const CK_RV unlockRv = P11Session_unlock(session_, &record_);
-        record_ = nullptr;  // a failed unlock is reported, not retried
-        return rv != CKR_OK ? rv : unlockRv;
-    }
-    ~SessionLock() { P11Session_unlock(session_, &record_); }
-
-private:
-    P11Session* session_;
-    P11LockRecord record_ = nullptr;
+    explicit SessionLock(P11Session* session) : P11LockGuard(session, P11Session_lock, P11Session_unlock) {}
 };
 
 // Ends the active operation, whatever its kind: no kind, no key, no

@@ -78,30 +78,13 @@ void setField(CK_UTF8CHAR (&field)[N], const char* text)
     std::memcpy(field, text, std::strlen(text));
 }
 
-// Releases a lock record at the end of a scope, keeping the first failure.
-class TokenLock {
-public:
-    TokenLock(P11Token* token, CK_RV (*unlock)(P11Token*, P11LockRecord*)) : token_(token), unlock_(unlock) {}
-    P11LockRecord* record() { return &record_; }
-    // Unlocks now; a failed unlock replaces a successful result.
-    CK_RV release(CK_RV rv)
-    {
-        const CK_RV unlockRv = unlock_(token_, &record_);
-        record_ = nullptr;  // a failed unlock is reported, not retried
-        return rv != CKR_OK ? rv : unlockRv;
-    }
-    ~TokenLock() { unlock_(token_, &record_); }
-
-private:
-    P11Token* token_;
-    CK_RV (*unlock_)(P11Token*, P11LockRecord*);
-    P11LockRecord record_ = nullptr;
-};
+// The token mutex, the handle mutex and the database lock for a scope.
+typedef P11LockGuard<P11Token> TokenLock;
 
 CK_RV get_next_handle(P11Token* token, CK_ULONG* handle)
 {
-    TokenLock lock(token, P11TokenObjectHandleCnt_unlock);
-    const CK_RV rv = P11TokenObjectHandleCnt_lock(token, lock.record());
+    TokenLock lock(token, P11TokenObjectHandleCnt_lock, P11TokenObjectHandleCnt_unlock);
+    const CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
     *handle = ++token->handleCounter;
     return lock.release(CKR_OK);
@@ -111,8 +94,8 @@ CK_RV get_next_handle(P11Token* token, CK_ULONG* handle)
 template <typename Operation>
 CK_RV withGenerator(P11Token* token, Operation operation)
 {
-    TokenLock lock(token, P11TokenObjectHandleCnt_unlock);
-    const CK_RV rv = P11TokenObjectHandleCnt_lock(token, lock.record());
+    TokenLock lock(token, P11TokenObjectHandleCnt_lock, P11TokenObjectHandleCnt_unlock);
+    const CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
     return lock.release(operation() == CRYPTO_OK ? CKR_OK : CKR_GENERAL_ERROR);
 }
@@ -285,8 +268,8 @@ CK_RV P11Token_openSession(P11Token* token, CK_FLAGS flags, CK_VOID_PTR applicat
     CK_RV rv = P11Token_getNewSessionHandle(token, &handle);
     if (rv != CKR_OK) return rv;
 
-    TokenLock lock(token, P11Token_unlock);
-    rv = P11Token_lock(token, lock.record());
+    TokenLock lock(token, P11Token_lock, P11Token_unlock);
+    rv = lock.lock();
     if (rv != CKR_OK) return rv;
     if (!(flags & CKF_SERIAL_SESSION)) return lock.release(CKR_SESSION_PARALLEL_NOT_SUPPORTED);
     const bool readWrite = (flags & CKF_RW_SESSION) != 0;
@@ -308,8 +291,8 @@ CK_RV P11Token_openSession(P11Token* token, CK_FLAGS flags, CK_VOID_PTR applicat
 
 CK_RV P11Token_removeSession(P11Token* token, P11Session* session)
 {
-    TokenLock lock(token, P11Token_unlock);
-    CK_RV rv = P11Token_lock(token, lock.record());
+    TokenLock lock(token, P11Token_lock, P11Token_unlock);
+    CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
     const bool readWrite = P11Session_isReadWrite(session);
     rv = P11SessionList_remove(token->sessions, session);
@@ -325,8 +308,8 @@ CK_RV P11Token_removeSession(P11Token* token, P11Session* session)
 
 CK_RV P11Token_closeAllSessions(P11Token* token)
 {
-    TokenLock lock(token, P11Token_unlock);
-    CK_RV rv = P11Token_lock(token, lock.record());
+    TokenLock lock(token, P11Token_lock, P11Token_unlock);
+    CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
     P11Session* session = nullptr;
     while (P11SessionList_popSession(token->sessions, &session) == CKR_OK && session) {
@@ -342,8 +325,8 @@ CK_RV P11Token_closeAllSessions(P11Token* token)
 
 CK_RV P11Token_login(P11Token* token, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen)
 {
-    TokenLock lock(token, P11Token_unlock);
-    CK_RV rv = P11Token_lock(token, lock.record());
+    TokenLock lock(token, P11Token_lock, P11Token_unlock);
+    CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
     if (userType > CKU_USER) return lock.release(CKR_ARGUMENTS_BAD);
     if (userType == CKU_SO) {
@@ -371,8 +354,8 @@ CK_RV P11Token_login(P11Token* token, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pin
 
 CK_RV P11Token_logout(P11Token* token)
 {
-    TokenLock lock(token, P11Token_unlock);
-    const CK_RV rv = P11Token_lock(token, lock.record());
+    TokenLock lock(token, P11Token_lock, P11Token_unlock);
+    const CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
     return lock.release(P11Token_logout_do(token));
 }
@@ -395,8 +378,8 @@ CK_RV P11Token_logout_do(P11Token* token)
 
 CK_RV P11Token_isLoggedIn(P11Token* token, CK_BBOOL* loggedIn, CK_BBOOL* isUser)
 {
-    TokenLock lock(token, P11Token_unlock);
-    const CK_RV rv = P11Token_lock(token, lock.record());
+    TokenLock lock(token, P11Token_lock, P11Token_unlock);
+    const CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
     *loggedIn = token->userLoggedIn || token->soLoggedIn;
     if (isUser) *isUser = token->userLoggedIn;
@@ -454,8 +437,8 @@ CK_RV P11Token_getNewObjectHandle(P11Token* token, CK_OBJECT_HANDLE* handle)
 
 CK_RV P11Token_findSessionHandle(P11Token* token, CK_SESSION_HANDLE handle, P11Session** session)
 {
-    TokenLock lock(token, P11Token_unlock);
-    const CK_RV rv = P11Token_lock(token, lock.record());
+    TokenLock lock(token, P11Token_lock, P11Token_unlock);
+    const CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
     return lock.release(P11SessionList_findSessionHandle(token->sessions, handle, session));
 }
@@ -471,8 +454,8 @@ CK_RV P11Token_sessionHandleToPointer(P11Token* token, CK_SESSION_HANDLE handle,
 CK_RV P11Token_findObjectHandle(P11Token* token, CK_OBJECT_HANDLE handle, P11Obj** object)
 {
     *object = nullptr;
-    TokenLock lock(token, P11Token_unlock);
-    CK_RV rv = P11Token_lock(token, lock.record());
+    TokenLock lock(token, P11Token_lock, P11Token_unlock);
+    CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
     P11SessionListCursor cursor = 0;
     P11Session* session = nullptr;
@@ -481,8 +464,8 @@ CK_RV P11Token_findObjectHandle(P11Token* token, CK_OBJECT_HANDLE handle, P11Obj
         if (rv != CKR_OK) return lock.release(rv);
     }
     if (!*object) {
-        TokenLock dbLock(token, P11Token_unlockdb);
-        rv = P11Token_lockdb(token, dbLock.record());
+        TokenLock dbLock(token, P11Token_lockdb, P11Token_unlockdb);
+        rv = dbLock.lock();
         if (rv != CKR_OK) return lock.release(rv);
         rv = P11ObjList_findObjectHandle(token->database->objects, handle, object);
         rv = dbLock.release(rv);
@@ -512,8 +495,8 @@ CK_RV P11Token_objectPointerToHandle(P11Token*, P11Obj* object, CK_OBJECT_HANDLE
 
 CK_RV P11Token_findObjects(P11Token* token, P11FindContext* context)
 {
-    TokenLock lock(token, P11Token_unlock);
-    CK_RV rv = P11Token_lock(token, lock.record());
+    TokenLock lock(token, P11Token_lock, P11Token_unlock);
+    CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
     P11SessionListCursor cursor = 0;
     P11Session* session = nullptr;
@@ -530,24 +513,24 @@ CK_RV P11Token_addObject(P11Token* token, P11Obj* object)
     CK_RV rv = P11Token_getNewObjectHandle(token, &handle);
     if (rv != CKR_OK) return rv;
     P11Obj_setHandle(object, handle);
-    TokenLock lock(token, P11Token_unlock);
-    rv = P11Token_lock(token, lock.record());
+    TokenLock lock(token, P11Token_lock, P11Token_unlock);
+    rv = lock.lock();
     if (rv != CKR_OK) return rv;
     return lock.release(P11DB_AddObject(token->database, object));
 }
 
 CK_RV P11Token_removeObject(P11Token* token, P11Obj* object)
 {
-    TokenLock lock(token, P11Token_unlock);
-    const CK_RV rv = P11Token_lock(token, lock.record());
+    TokenLock lock(token, P11Token_lock, P11Token_unlock);
+    const CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
     return lock.release(P11DB_RemoveObject(token->database, object));
 }
 
 CK_RV P11Token_storeObject(P11Token* token, P11Obj* object)
 {
-    TokenLock lock(token, P11Token_unlock);
-    const CK_RV rv = P11Token_lock(token, lock.record());
+    TokenLock lock(token, P11Token_lock, P11Token_unlock);
+    const CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
     return lock.release(P11DB_StoreObject(token->database, object));
 }

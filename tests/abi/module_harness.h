@@ -70,4 +70,7 @@ protected:
     CK_SESSION_HANDLE openSession(CK_FLAGS flags = CKF_SERIAL_SESSION);
 };
 
+// The 68 Cryptoki 2.20 entry points, in function-list order.
+extern const char* const kCryptokiFunctionNames[68];
+
 }  // namespace korvo
