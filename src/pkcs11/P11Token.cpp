@@ -393,7 +393,11 @@ CK_RV P11Token_setPIN(P11Token* token, CK_UTF8CHAR_PTR oldPin, CK_ULONG oldLen, 
 
 CK_RV P11Token_initPIN(P11Token* token, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen)
 {
-    if (!token->soLoggedIn) return CKR_USER_NOT_LOGGED_IN;
+    CK_BBOOL loggedIn = CK_FALSE;
+    CK_BBOOL isUser = CK_FALSE;
+    const CK_RV rv = P11Token_isLoggedIn(token, &loggedIn, &isUser);
+    if (rv != CKR_OK) return rv;
+    if (!loggedIn || isUser) return CKR_USER_NOT_LOGGED_IN;  // only the security officer may
     return P11DB_InitPIN(token->database, pin, pinLen);
 }
 
