@@ -17,45 +17,31 @@ struct TempHome {
     TempHome()
     {
         char pattern[] = "/tmp/korvo-abi-home-XXXXXX";
-        const char* dir = mkdtemp(pattern);
-        if (!dir) std::abort();
-        path = dir;
-        setenv("HOME", dir, 1);
+        if (!mkdtemp(pattern)) std::abort();
+        path = pattern;
+        setenv("HOME", pattern, 1);
         unsetenv("XDG_CONFIG_HOME");
     }
-    ~TempHome()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
+    ~TempHome() { std::filesystem::remove_all(path, ignored); }
+    std::error_code ignored;
 };
 
 const TempHome home;
 
+// Loaded on first use and kept until the process ends, as in an application.
 struct Module {
-    void* handle = nullptr;
+    void* handle = dlopen(KORVO_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
     CK_FUNCTION_LIST_PTR list = nullptr;
     std::string error;
 
     Module()
     {
-        handle = dlopen(KORVO_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
-        if (!handle) {
-            error = dlerror();
-            return;
-        }
-        auto getList = reinterpret_cast<CK_C_GetFunctionList>(dlsym(handle, "C_GetFunctionList"));
-        if (!getList) {
-            error = "C_GetFunctionList is not exported";
-            return;
-        }
-        const CK_RV rv = getList(&list);
-        if (rv != CKR_OK || !list) {
-            error = "C_GetFunctionList failed with " + std::to_string(rv);
-            list = nullptr;
-        }
+        auto getList = handle ? reinterpret_cast<CK_C_GetFunctionList>(dlsym(handle, "C_GetFunctionList")) : nullptr;
+        if (!handle) error = dlerror();
+        else if (!getList) error = "C_GetFunctionList is not exported";
+        else if (getList(&list) != CKR_OK || !list) error = "C_GetFunctionList failed";
+        if (!error.empty()) list = nullptr;
     }
-    // The module stays loaded until the process ends, as in an application.
 };
 
 Module& module()
@@ -66,43 +52,10 @@ Module& module()
 
 }  // namespace
 
-CK_FUNCTION_LIST_PTR functions()
-{
-    return module().list;
-}
-
-const std::string& loadError()
-{
-    return module().error;
-}
-
-void* moduleHandle()
-{
-    return module().handle;
-}
-
-const std::string& tempHome()
-{
-    return home.path;
-}
-
-std::string padded(const std::string& text, size_t width)
-{
-    std::string result = text;
-    result.resize(width, ' ');
-    return result;
-}
-
-std::string hex(const CK_BYTE* data, size_t length)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    for (size_t i = 0; i < length; ++i) {
-        out += digits[data[i] >> 4];
-        out += digits[data[i] & 0xf];
-    }
-    return out;
-}
+CK_FUNCTION_LIST_PTR functions() { return module().list; }
+const std::string& loadError() { return module().error; }
+void* moduleHandle() { return module().handle; }
+const std::string& tempHome() { return home.path; }
 
 void ModuleTest::SetUp()
 {

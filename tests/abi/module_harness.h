@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 #include <pkcs11.h>
 
+#include "crypto/hex_util.h"  // toHex
+
 namespace korvo {
 
 // The module's function list, loaded with dlopen on first use; null (with
@@ -43,11 +45,18 @@ std::string field(const CK_UTF8CHAR (&bytes)[N])
     return std::string(reinterpret_cast<const char*>(bytes), N);
 }
 
-// `text` padded with blanks to `width`.
-std::string padded(const std::string& text, size_t width);
+// "major.minor" of a version field.
+inline std::string version(const CK_VERSION& v)
+{
+    return std::to_string(v.major) + "." + std::to_string(v.minor);
+}
 
-// Lower-case hexadecimal of a byte buffer.
-std::string hex(const CK_BYTE* data, size_t length);
+// `text` padded with blanks to `width`.
+inline std::string padded(std::string text, size_t width)
+{
+    text.resize(width, ' ');
+    return text;
+}
 
 // Tests that want the module loaded but not initialised. TearDown finalises
 // whatever a test left initialised, so every test starts from scratch.
