@@ -349,6 +349,15 @@ CK_RV P11Session_destroyObject(P11Session* session, P11Obj* object)
     return P11Obj_destroyObject(&object, session);
 }
 
+CK_RV P11Session_forgetKey(P11Session* session, P11Obj* key)
+{
+    SessionLock lock(session);
+    const CK_RV rv = lock.lock();
+    if (rv != CKR_OK) return rv;
+    if (session->operationKey == key) endOperation(session);
+    return lock.release(CKR_OK);
+}
+
 CK_RV P11Session_findObjectHandle(P11Session* session, CK_OBJECT_HANDLE handle, P11Obj** object)
 {
     SessionLock lock(session);

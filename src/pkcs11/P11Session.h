@@ -76,6 +76,8 @@ CK_RV P11Session_seedRandom(P11Session* session, CK_BYTE_PTR seed, CK_ULONG leng
 CK_RV P11Session_addObject(P11Session* session, P11Obj* object);
 CK_RV P11Session_removeObject(P11Session* session, P11Obj* object);
 CK_RV P11Session_destroyObject(P11Session* session, P11Obj* object);
+// Ends the running operation when it uses this key.
+CK_RV P11Session_forgetKey(P11Session* session, P11Obj* key);
 CK_RV P11Session_findObjectHandle(P11Session* session, CK_OBJECT_HANDLE handle, P11Obj** object);
 CK_RV P11Session_contains(P11Session* session, P11Obj* object, CK_BBOOL* contains);
 

@@ -511,6 +511,20 @@ CK_RV P11Token_findObjects(P11Token* token, P11FindContext* context)
     return lock.release(P11DB_FindObjects(token->database, context));
 }
 
+CK_RV P11Token_forgetKey(P11Token* token, P11Obj* key)
+{
+    TokenLock lock(token, P11Token_lock, P11Token_unlock);
+    CK_RV rv = lock.lock();
+    if (rv != CKR_OK) return rv;
+    P11SessionListCursor cursor = 0;
+    P11Session* session = nullptr;
+    while (P11SessionList_enumSessions(token->sessions, &cursor, &session) == CKR_OK && session) {
+        rv = P11Session_forgetKey(session, key);
+        if (rv != CKR_OK) return lock.release(rv);
+    }
+    return lock.release(CKR_OK);
+}
+
 CK_RV P11Token_addObject(P11Token* token, P11Obj* object)
 {
     CK_OBJECT_HANDLE handle = 0;

@@ -69,6 +69,9 @@ CK_RV P11Token_findSessionHandle(P11Token* token, CK_SESSION_HANDLE handle, P11S
 CK_RV P11Token_findObjectHandle(P11Token* token, CK_OBJECT_HANDLE handle, P11Obj** object);
 
 CK_RV P11Token_findObjects(P11Token* token, P11FindContext* context);
+// Ends every session's operation that runs with the given key, before the
+// key object goes away.
+CK_RV P11Token_forgetKey(P11Token* token, P11Obj* key);
 CK_RV P11Token_addObject(P11Token* token, P11Obj* object);
 CK_RV P11Token_removeObject(P11Token* token, P11Obj* object);
 CK_RV P11Token_storeObject(P11Token* token, P11Obj* object);

@@ -745,8 +745,12 @@ KORVO_EXPORT CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMec
     if (rv == CKR_OK) rv = P11Obj_SW_construct(&object);
     if (rv == CKR_OK) rv = P11Obj_createAndDeriveKey(baseKey, pMechanism, pTemplate, ulAttributeCount, session, object);
     if (rv == CKR_OK && !phKey) {
-        // Derivations whose results travel in the mechanism parameter.
-        P11Obj_SW_destruct(&object);
+        // Derivations whose results travel in the mechanism parameter leave
+        // no new object behind; one that was registered is unregistered.
+        if (object->session || object->token)
+            P11Obj_destroyObject(&object, session);
+        else
+            P11Obj_SW_destruct(&object);
         return P11_traceExit("C_DeriveKey", CKR_OK);
     }
     return deliverObject("C_DeriveKey", rv, &object, phKey);

@@ -216,6 +216,31 @@ CK_RV P11Obj_verifyRecover(P11Obj* key, P11Session* session, CK_BYTE_PTR signatu
     return dispatchLocked(key, &P11ObjClass::verifyRecover, session, signature, signatureLen, data, dataLen);
 }
 
+CK_RV P11Obj_deriveKey(P11Obj* baseKey, P11Session* session, CK_MECHANISM_PTR mechanism, P11Obj* newKey)
+{
+    return dispatchLocked(baseKey, &P11ObjClass::deriveKey, session, mechanism, newKey);
+}
+
+CK_RV P11Obj_unwrapKey(P11Obj* unwrappingKey, P11Session* session, CK_MECHANISM_PTR mechanism, CK_BYTE_PTR wrapped,
+                       CK_ULONG wrappedLen, P11Obj* newKey)
+{
+    return dispatchLocked(unwrappingKey, &P11ObjClass::unwrapKey, session, mechanism, wrapped, wrappedLen, newKey);
+}
+
+CK_RV P11Obj_generateKey(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism)
+{
+    if (!key) return CKR_KEY_HANDLE_INVALID;
+    if (!key->clazz->generateKey) return CKR_KEY_FUNCTION_NOT_PERMITTED;
+    return key->clazz->generateKey(key, session, mechanism);
+}
+
+CK_RV P11Obj_generateKeyPair(P11Obj* privateKey, P11Obj* publicKey, P11Session* session, CK_MECHANISM_PTR mechanism)
+{
+    if (!privateKey || !publicKey) return CKR_KEY_HANDLE_INVALID;
+    if (!privateKey->clazz->generateKeyPair) return CKR_KEY_FUNCTION_NOT_PERMITTED;
+    return privateKey->clazz->generateKeyPair(privateKey, publicKey, session, mechanism);
+}
+
 CK_RV P11Obj_wrapKey(P11Obj* wrappingKey, P11Session* session, CK_MECHANISM_PTR mechanism, P11Obj* key, CK_BYTE_PTR out,
                      CK_ULONG_PTR outLen)
 {

@@ -67,7 +67,38 @@ void P11Obj_setHandle(P11Obj* object, CK_OBJECT_HANDLE handle);
 CK_RV P11Obj_lock(P11Obj* object, P11LockRecord* record);
 CK_RV P11Obj_unlock(P11Obj* object, P11LockRecord* record);
 
-// Attribute members, without locking.
+// Attribute members. Peek, compare, enumerate and count call the member
+// directly; getAttribute does not even test the object; copy locks the
+// source; setAttribute takes the write lock (the token database lock for a
+// token object, nothing for a session object).
+CK_RV P11Obj_getAttribute(P11Obj* object, CK_ATTRIBUTE* attribute);
+CK_RV P11Obj_setAttribute(P11Obj* object, const CK_ATTRIBUTE* attribute);
+CK_RV P11Obj_copy(P11Obj* source, P11Obj* destination);
+CK_RV P11Obj_enumAttributes(P11Obj* object, uint32_t* cursor, const CK_ATTRIBUTE** attribute);
+CK_RV P11Obj_getAttributeCount(P11Obj* object, CK_ULONG* count);
+CK_RV P11Obj_lockWrite(P11Obj* object, P11LockRecord* record);
+CK_RV P11Obj_unlockWrite(P11Obj* object, P11LockRecord* record);
+// Applies every template entry with setAttribute, stopping at the first failure.
+CK_RV P11Obj_setAttributesfromTemplate(P11Obj* object, CK_ATTRIBUTE_PTR attributes, CK_ULONG count);
+
+// Typed accessors over peekAttribute.
+CK_RV P11Obj_getUlongValue(P11Obj* object, CK_ATTRIBUTE_TYPE type, CK_ULONG* value);
+CK_RV P11Obj_getAttributeSize(P11Obj* object, CK_ATTRIBUTE_TYPE type, CK_ULONG* length);
+CK_RV P11Obj_getValue(P11Obj* object, CK_ATTRIBUTE_TYPE type, CK_BYTE_PTR buffer, CK_ULONG_PTR length);
+CK_RV P11Obj_setValue(P11Obj* object, CK_ATTRIBUTE_TYPE type, const void* bytes, CK_ULONG length);
+CK_RV P11Obj_setUlongValue(P11Obj* object, CK_ATTRIBUTE_TYPE type, CK_ULONG value);
+CK_RV P11Obj_setBoolValue(P11Obj* object, CK_ATTRIBUTE_TYPE type, CK_BBOOL value);
+// Secret-key length by key type (CKA_VALUE_LEN where the type has no fixed one).
+CK_RV P11Obj_getKeyValueLength(P11Obj* object, CK_ULONG* length);
+// CKA_VALUE from the first (takeLeading) or last key-length bytes.
+CK_RV P11Obj_setKeyValue(P11Obj* object, const CK_BYTE* bytes, CK_ULONG length, bool takeLeading);
+
+// Completion and ownership.
+CK_RV P11Obj_completeObject(P11Obj* object, P11Session* session, P11Token* token);
+CK_RV P11Obj_addObject(P11Obj* object, P11Session* session);
+CK_RV P11Obj_removeObject(P11Obj* object, P11Session* session);
+
+// Peek, compare and typed reads without locking.
 CK_RV P11Obj_peekAttribute(P11Obj* object, CK_ATTRIBUTE_TYPE type, const CK_ATTRIBUTE** attribute);
 CK_RV P11Obj_compare(P11Obj* object, const CK_ATTRIBUTE* attribute, CK_BBOOL* match);
 CK_RV P11Obj_getBoolValue(P11Obj* object, CK_ATTRIBUTE_TYPE type, CK_BBOOL* value);
@@ -101,6 +132,13 @@ CK_RV P11Obj_verifyUpdate(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK
 CK_RV P11Obj_verifyFinal(P11Obj* key, P11Session* session, CK_BYTE_PTR signature, CK_ULONG signatureLen);
 CK_RV P11Obj_verifyRecoverInit(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
 CK_RV P11Obj_verifyRecover(P11Obj* key, P11Session* session, CK_BYTE_PTR signature, CK_ULONG signatureLen, CK_BYTE_PTR data, CK_ULONG_PTR dataLen);
+CK_RV P11Obj_deriveKey(P11Obj* baseKey, P11Session* session, CK_MECHANISM_PTR mechanism, P11Obj* newKey);
+CK_RV P11Obj_unwrapKey(P11Obj* unwrappingKey, P11Session* session, CK_MECHANISM_PTR mechanism, CK_BYTE_PTR wrapped,
+                       CK_ULONG wrappedLen, P11Obj* newKey);
+// Key generation dispatches without locking (the new objects are not yet
+// reachable); the pair goes through the private key's class.
+CK_RV P11Obj_generateKey(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
+CK_RV P11Obj_generateKeyPair(P11Obj* privateKey, P11Obj* publicKey, P11Session* session, CK_MECHANISM_PTR mechanism);
 CK_RV P11Obj_wrapKey(P11Obj* wrappingKey, P11Session* session, CK_MECHANISM_PTR mechanism, P11Obj* key, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
 
 // The object-level halves of the object-creating and attribute calls.
