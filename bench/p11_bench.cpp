@@ -3,11 +3,15 @@
 //
 //   - C_DigestInit + C_Digest, CKM_SHA256, on 1 MiB (throughput) and on 64 bytes (call rate);
 //   - C_OpenSession + C_CloseSession pairs;
+//   - C_CreateObject of a small data session object + C_DestroyObject;
+//   - C_FindObjectsInit + C_FindObjects + C_FindObjectsFinal with a one-label
+//     template that matches one of 1,000 and one of 10,000 session objects;
 //   - EVP_Digest with EVP_sha256() on the same buffers.
 //
-// At the end it prints both modules' figures in one table and the two ratios
+// At the end it prints both modules' figures in one table, the two ratios
 // the module is held to: its 1 MiB throughput against OpenSSL's (>= 0.95) and
-// its 64-byte call rate against SoftHSM2's (>= 2.0).
+// its 64-byte call rate against SoftHSM2's (>= 2.0), and how the search cost
+// grows from 1,000 to 10,000 objects (linear growth gives about 10).
 //
 //     cmake -S . -B build -DKORVO_BENCH=ON && cmake --build build --target p11_bench
 //     build/bench/p11_bench [--benchmark_repetitions=5] [options below] [Google Benchmark flags]
@@ -65,6 +69,11 @@ const char* const kOpenSsl = "OpenSSL";
 const char* const kLargeFamily = "SHA256_C_Digest_1MiB";
 const char* const kSmallFamily = "SHA256_C_Digest_64B";
 const char* const kSessionFamily = "C_OpenSession_C_CloseSession";
+const char* const kCreateFamily = "C_CreateObject_C_DestroyObject";
+const char* const kFindSmallFamily = "C_FindObjects_1_of_1000";
+const char* const kFindLargeFamily = "C_FindObjects_1_of_10000";
+constexpr size_t kFindSmallCount = 1000;
+constexpr size_t kFindLargeCount = 10000;
 
 // A directory made at start-up and removed with everything in it at exit.
 class TempDir {
@@ -217,6 +226,120 @@ void BM_EVP_Digest(benchmark::State& state, const std::vector<unsigned char>* da
         benchmark::ClobberMemory();
     }
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data->size()));
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
+// A small public data object as a session object. Both modules get every
+// attribute spelled out (SoftHSM2 would make the object private otherwise).
+struct DataObjectTemplate {
+    CK_OBJECT_CLASS objectClass = CKO_DATA;
+    CK_BBOOL no = CK_FALSE;
+    CK_BYTE value[16];
+    std::string label;
+    CK_ATTRIBUTE attributes[5];
+
+    explicit DataObjectTemplate(std::string text) : label(std::move(text))
+    {
+        for (size_t i = 0; i < sizeof value; ++i) value[i] = CK_BYTE(i);
+        attributes[0] = {CKA_CLASS, &objectClass, sizeof objectClass};
+        attributes[1] = {CKA_TOKEN, &no, sizeof no};
+        attributes[2] = {CKA_PRIVATE, &no, sizeof no};
+        attributes[3] = {CKA_LABEL, label.data(), CK_ULONG(label.size())};
+        attributes[4] = {CKA_VALUE, value, sizeof value};
+    }
+    DataObjectTemplate(const DataObjectTemplate&) = delete;
+    DataObjectTemplate& operator=(const DataObjectTemplate&) = delete;
+};
+
+void BM_CreateDestroyObject(benchmark::State& state, Target* target)
+{
+    CK_FUNCTION_LIST_PTR f = target->module->functions();
+    DataObjectTemplate data("bench object");
+    for (auto _ : state) {
+        CK_OBJECT_HANDLE object = CK_INVALID_HANDLE;
+        CK_RV rv = f->C_CreateObject(target->session, data.attributes, 5, &object);
+        if (rv == CKR_OK) rv = f->C_DestroyObject(target->session, object);
+        if (rv != CKR_OK) {
+            state.SkipWithError(("C_CreateObject/C_DestroyObject returned " + rvName(rv)).c_str());
+            break;
+        }
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
+// The session objects searched through: `count` data objects labelled
+// "object 0", "object 1", ... in a session of their own. A search sees the
+// objects of every session, so one population exists at a time: asking for
+// another closes the session of the previous one, and its objects with it.
+class Population {
+public:
+    // The session holding `count` objects in `target`'s module, made on first use.
+    CK_RV session(Target* target, size_t count, CK_SESSION_HANDLE* session)
+    {
+        if (target_ != target || count_ != count) {
+            close();
+            CK_FUNCTION_LIST_PTR f = target->module->functions();
+            CK_RV rv = f->C_OpenSession(target->slot, CKF_SERIAL_SESSION, nullptr, nullptr, &session_);
+            if (rv != CKR_OK) return rv;
+            target_ = target;
+            for (size_t i = 0; i < count; ++i) {
+                DataObjectTemplate data("object " + std::to_string(i));
+                CK_OBJECT_HANDLE object;
+                rv = f->C_CreateObject(session_, data.attributes, 5, &object);
+                if (rv != CKR_OK) {
+                    close();
+                    return rv;
+                }
+            }
+            count_ = count;
+        }
+        *session = session_;
+        return CKR_OK;
+    }
+
+    void close()
+    {
+        if (target_) target_->module->functions()->C_CloseSession(session_);
+        target_ = nullptr;
+        count_ = 0;
+    }
+
+private:
+    Target* target_ = nullptr;
+    size_t count_ = 0;
+    CK_SESSION_HANDLE session_ = CK_INVALID_HANDLE;
+};
+
+Population& population()
+{
+    static Population instance;
+    return instance;
+}
+
+// One search for the object in the middle of the population, by label.
+void BM_FindOneObject(benchmark::State& state, Target* target, size_t count)
+{
+    CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
+    CK_RV rv = population().session(target, count, &session);
+    if (rv != CKR_OK) {
+        state.SkipWithError(("populating with C_CreateObject returned " + rvName(rv)).c_str());
+        return;
+    }
+    CK_FUNCTION_LIST_PTR f = target->module->functions();
+    std::string needle = "object " + std::to_string(count / 2);
+    CK_ATTRIBUTE byLabel = {CKA_LABEL, needle.data(), CK_ULONG(needle.size())};
+    for (auto _ : state) {
+        CK_OBJECT_HANDLE found[2];
+        CK_ULONG n = 0;
+        rv = f->C_FindObjectsInit(session, &byLabel, 1);
+        if (rv == CKR_OK) rv = f->C_FindObjects(session, found, 2, &n);
+        if (rv == CKR_OK) rv = f->C_FindObjectsFinal(session);
+        if (rv != CKR_OK || n != 1) {
+            state.SkipWithError(rv != CKR_OK ? ("a search call returned " + rvName(rv)).c_str()
+                                             : ("the search found " + std::to_string(n) + " objects, not 1").c_str());
+            break;
+        }
+    }
     state.SetItemsProcessed(int64_t(state.iterations()));
 }
 
@@ -384,12 +507,20 @@ int main(int argc, char** argv)
     for (const auto& [name, target] : modules)
         if (target->ready)
             benchmark::RegisterBenchmark(key(kSessionFamily, name).c_str(), BM_OpenCloseSession, target)->UseRealTime();
+    for (const auto& [name, target] : modules)
+        if (target->ready)
+            benchmark::RegisterBenchmark(key(kCreateFamily, name).c_str(), BM_CreateDestroyObject, target)->UseRealTime();
+    for (const auto& [family, count] : {std::pair{kFindSmallFamily, kFindSmallCount}, std::pair{kFindLargeFamily, kFindLargeCount}})
+        for (const auto& [name, target] : modules)
+            if (target->ready)
+                benchmark::RegisterBenchmark(key(family, name).c_str(), BM_FindOneObject, target, count)->UseRealTime();
 
     // Colours only on a terminal, as Google Benchmark's own reporter does.
     CollectingReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_Defaults
                                                       : benchmark::ConsoleReporter::OO_Tabular);
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
+    population().close();
 
     // The side-by-side table.
     const double mib = 1024.0 * 1024.0;
@@ -399,14 +530,21 @@ int main(int argc, char** argv)
         double scale;  // the rate (iterations/s) times this gives the unit...
         bool inverse;  // ...or, when set, this divided by the rate does
         const char* format;
+        bool digest;   // OpenSSL has a figure for it
     };
     const Row rows[] = {
-        {"SHA-256 C_Digest 1 MiB       [MiB/s]", kLargeFamily, double(kLargeSize) / mib, false, "%.1f"},
-        {"SHA-256 C_Digest 64 B        [calls/s]", kSmallFamily, 1.0, false, "%.0f"},
-        {"SHA-256 C_Digest 64 B        [us/call]", kSmallFamily, 1e6, true, "%.3f"},
-        {"C_OpenSession+C_CloseSession [pairs/s]", kSessionFamily, 1.0, false, "%.0f"},
+        {"SHA-256 C_Digest 1 MiB       [MiB/s]", kLargeFamily, double(kLargeSize) / mib, false, "%.1f", true},
+        {"SHA-256 C_Digest 64 B        [calls/s]", kSmallFamily, 1.0, false, "%.0f", true},
+        {"SHA-256 C_Digest 64 B        [us/call]", kSmallFamily, 1e6, true, "%.3f", true},
+        {"C_OpenSession+C_CloseSession [pairs/s]", kSessionFamily, 1.0, false, "%.0f", false},
+        {"C_CreateObject+C_DestroyObject [pairs/s]", kCreateFamily, 1.0, false, "%.0f", false},
+        {"Find 1 of 1,000 objects      [us/search]", kFindSmallFamily, 1e6, true, "%.1f", false},
+        {"Find 1 of 10,000 objects     [us/search]", kFindLargeFamily, 1e6, true, "%.1f", false},
     };
-    const size_t reps = std::max<size_t>(1, reporter.repetitions(key(kLargeFamily, kOpenSsl)));
+    size_t reps = 1;
+    for (const Row& row : rows)
+        for (const char* subject : {kKorvo, kSoftHsm, kOpenSsl})
+            reps = std::max(reps, reporter.repetitions(key(row.family, subject)));
     std::printf("\n== Side by side (wall clock; %s) ==\n",
                 reps > 1 ? ("median of " + std::to_string(reps) + " repetitions").c_str() : "one repetition");
     std::printf("%-40s %14s %14s %14s\n", "", kKorvo, kSoftHsm, "OpenSSL EVP");
@@ -415,7 +553,7 @@ int main(int argc, char** argv)
         for (const char* subject : {kKorvo, kSoftHsm, kOpenSsl}) {
             const double rate = reporter.rate(key(row.family, subject));
             const double value = rate <= 0 ? 0 : row.inverse ? row.scale / rate : rate * row.scale;
-            const bool applies = std::strcmp(subject, kOpenSsl) != 0 || std::strcmp(row.family, kSessionFamily) != 0;
+            const bool applies = row.digest || std::strcmp(subject, kOpenSsl) != 0;
             std::printf(" %14s", applies ? cell(value, row.format).c_str() : "-");
         }
         std::printf("\n");
@@ -432,6 +570,20 @@ int main(int argc, char** argv)
                                      kTargetLargeVsOpenSsl, &largeKnown);
     const bool smallMet = printRatio("Korvo 64 B C_Digest call rate / SoftHSM2", ourSmall, softHsmSmall,
                                      kTargetSmallVsSoftHsm, &smallKnown);
+
+    // Search cost from 1,000 to 10,000 objects: the time ratio is about 10
+    // when it grows linearly. The cost per object shows where it does not: a
+    // population that outgrows the processor's caches costs more per object.
+    std::printf("\n== Search growth, 10,000 vs 1,000 session objects (linear: about 10) ==\n");
+    std::printf("%-10s %8s %22s %22s\n", "", "ratio", "ns/object at 1,000", "ns/object at 10,000");
+    for (const char* subject : {kKorvo, kSoftHsm}) {
+        const double small = reporter.rate(key(kFindSmallFamily, subject));
+        const double large = reporter.rate(key(kFindLargeFamily, subject));
+        const bool known = small > 0 && large > 0;
+        std::printf("%-10s %8s %22s %22s\n", subject, known ? cell(small / large, "%.2f").c_str() : "n/a",
+                    cell(small > 0 ? 1e9 / small / kFindSmallCount : 0, "%.1f").c_str(),
+                    cell(large > 0 ? 1e9 / large / kFindLargeCount : 0, "%.1f").c_str());
+    }
     if (!korvo.ready) std::printf("(Korvo not measured: %s)\n", korvo.module->error().c_str());
     if (!softHsm.ready) std::printf("(SoftHSM2 not measured: %s)\n", softHsm.module->error().c_str());
 

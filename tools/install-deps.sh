@@ -9,7 +9,7 @@ packages=(
   libssl-dev openssl
   libnss3-dev libnspr4-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  opensc softhsm2
+  opensc softhsm2 python3-pykcs11
 )
 
 missing=()

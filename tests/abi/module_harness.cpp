@@ -1,9 +1,12 @@
 #include "abi/module_harness.h"
 
 #include <dlfcn.h>
+#include <sys/wait.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 
 namespace korvo {
 
@@ -82,6 +85,43 @@ CK_SESSION_HANDLE InitializedTest::openSession(CK_FLAGS flags)
     CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
     EXPECT_EQ(p->C_OpenSession(0, flags, nullptr, nullptr, &session), CKR_OK);
     return session;
+}
+
+CommandResult runCommand(const std::string& command)
+{
+    CommandResult result;
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (!pipe) return result;
+    char buffer[4096];
+    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.output.append(buffer, n);
+    const int status = pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+std::string sanitizerPreload()
+{
+    std::ifstream maps("/proc/self/maps");
+    std::string runtimes, cxx;
+    bool instrumented = false;
+    for (std::string line; std::getline(maps, line);) {
+        const size_t slash = line.find('/');
+        if (slash == std::string::npos) continue;
+        const std::string path = line.substr(slash);
+        const std::string name = path.substr(path.rfind('/') + 1);
+        const bool sanitizer = name.rfind("libasan.so", 0) == 0 || name.rfind("libtsan.so", 0) == 0 ||
+                               name.rfind("libubsan.so", 0) == 0;
+        if (sanitizer && runtimes.find(path) == std::string::npos) {
+            // The address sanitizer must come first in the preload list.
+            runtimes = name.rfind("libasan.so", 0) == 0 ? path + (runtimes.empty() ? "" : ":" + runtimes)
+                                                        : runtimes + (runtimes.empty() ? "" : ":") + path;
+            instrumented = true;
+        }
+        if (name.rfind("libstdc++.so", 0) == 0) cxx = path;
+    }
+    if (!instrumented) return "";
+    // The client's own leaks are not ours to report.
+    return "LD_PRELOAD='" + runtimes + (cxx.empty() ? "" : ":" + cxx) + "' ASAN_OPTIONS=detect_leaks=0 ";
 }
 
 const char* const kCryptokiFunctionNames[68] = {

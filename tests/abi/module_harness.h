@@ -79,6 +79,20 @@ protected:
     CK_SESSION_HANDLE openSession(CK_FLAGS flags = CKF_SERIAL_SESSION);
 };
 
+// A shell command's exit status and its standard output and error together.
+struct CommandResult {
+    int status = -1;
+    std::string output;
+};
+CommandResult runCommand(const std::string& command);
+
+// In a sanitizer build the module needs the sanitizer runtimes loaded
+// before it, which an uninstrumented client (pkcs11-tool, the Python
+// interpreter) does not do: an environment prefix handing it the runtimes
+// this test process runs with, and the C++ runtime whose exceptions the
+// sanitizer intercepts from the start. Empty in a normal build.
+std::string sanitizerPreload();
+
 // The 68 Cryptoki 2.20 entry points, in function-list order.
 extern const char* const kCryptokiFunctionNames[68];
 

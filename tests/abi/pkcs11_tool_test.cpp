@@ -2,8 +2,6 @@
 // what it shows of the library, slot, token and mechanisms, and a digest it
 // computes through the module. The child inherits the temporary HOME.
 
-#include <sys/wait.h>
-
 #include <cstdio>
 #include <fstream>
 #include <string>
@@ -12,62 +10,20 @@
 
 namespace {
 
-struct Result {
-    int status = -1;
-    std::string output;
-};
-
-Result run(const std::string& command)
-{
-    Result result;
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    if (!pipe) return result;
-    char buffer[4096];
-    size_t n;
-    while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) result.output.append(buffer, n);
-    const int status = pclose(pipe);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
-}
-
-// In a sanitizer build the module needs the sanitizer runtime loaded first,
-// which the uninstrumented tool does not do: hand it the runtimes that this
-// test process runs with.
-std::string sanitizerPreload()
-{
-    std::ifstream maps("/proc/self/maps");
-    std::string line, asan, others;
-    while (std::getline(maps, line)) {
-        const size_t slash = line.find('/');
-        if (slash == std::string::npos) continue;
-        const std::string path = line.substr(slash);
-        const std::string name = path.substr(path.rfind('/') + 1);
-        if (name.rfind("libasan.so", 0) == 0) asan = path;
-        else if ((name.rfind("libtsan.so", 0) == 0 || name.rfind("libubsan.so", 0) == 0) &&
-                 others.find(path) == std::string::npos)
-            others += (others.empty() ? "" : ":") + path;
-    }
-    std::string preload = asan;
-    if (!others.empty()) preload += (preload.empty() ? "" : ":") + others;
-    if (preload.empty()) return "";
-    // The tool's own leaks are not ours to report.
-    return "LD_PRELOAD='" + preload + "' ASAN_OPTIONS=detect_leaks=0 ";
-}
-
 class Pkcs11Tool : public testing::Test {
 protected:
     std::string tool;
 
     void SetUp() override
     {
-        const Result which = run("command -v pkcs11-tool");
+        const korvo::CommandResult which = korvo::runCommand("command -v pkcs11-tool");
         if (which.status != 0) GTEST_SKIP() << "pkcs11-tool is not installed";
-        tool = sanitizerPreload() + "pkcs11-tool --module '" KORVO_MODULE_PATH "'";
+        tool = korvo::sanitizerPreload() + "pkcs11-tool --module '" KORVO_MODULE_PATH "'";
     }
 
     std::string expectSuccess(const std::string& options)
     {
-        const Result result = run(tool + " " + options);
+        const korvo::CommandResult result = korvo::runCommand(tool + " " + options);
         EXPECT_EQ(result.status, 0) << options << ":\n" << result.output;
         return result.output;
     }
@@ -114,7 +70,7 @@ TEST_F(Pkcs11Tool, ListsTheMechanismTable)
 TEST_F(Pkcs11Tool, HashesAFileLikeSha256sum)
 {
     const std::string dir = korvo::tempHome() + "/pkcs11-tool-hash";
-    ASSERT_EQ(run("mkdir -p '" + dir + "'").status, 0);
+    ASSERT_EQ(korvo::runCommand("mkdir -p '" + dir + "'").status, 0);
     const std::string input = dir + "/input.bin";
     const std::string output = dir + "/digest.bin";
     {
@@ -123,8 +79,8 @@ TEST_F(Pkcs11Tool, HashesAFileLikeSha256sum)
     }
     expectSuccess("--hash -m SHA256 -i '" + input + "' -o '" + output + "'");
 
-    const Result fromTool = run("od -An -tx1 -v '" + output + "' | tr -d ' \\n'");
-    const Result reference = run("sha256sum '" + input + "' | cut -d' ' -f1 | tr -d '\\n'");
+    const korvo::CommandResult fromTool = korvo::runCommand("od -An -tx1 -v '" + output + "' | tr -d ' \\n'");
+    const korvo::CommandResult reference = korvo::runCommand("sha256sum '" + input + "' | cut -d' ' -f1 | tr -d '\\n'");
     ASSERT_EQ(reference.status, 0);
     EXPECT_EQ(reference.output.size(), 64u);
     EXPECT_EQ(fromTool.output, reference.output);
