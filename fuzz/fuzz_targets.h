@@ -1,0 +1,30 @@
+#pragma once
+// The per-input bodies of the fuzz targets. The libFuzzer programs
+// (fuzz_asn1_reader, fuzz_oces_certificate) and the corpus replay of the
+// normal test suite run the same functions.
+//
+// Each body catches exactly the exceptions that the code it drives documents
+// and lets every other one leave, so the fuzzer or the replay reports it. A
+// broken invariant (a slice outside the input, readers that disagree about an
+// element) aborts with a message on standard error.
+
+#include <cstddef>
+#include <cstdint>
+
+namespace korvo_fuzz {
+
+// Walks the input as a parser does with asn1::Asn1Reader: peeks at and reads
+// tags and lengths, reads each element also through GetEncodedValue, GetBytes
+// and SkipElement and checks that they agree, and opens constructed values
+// with sub-readers down to a fixed depth. True when the whole input is
+// well-formed DER of the reader's subset; false when the reader refused it
+// with asn1::parse_error or std::out_of_range.
+bool Asn1ReaderInput(const uint8_t* data, size_t size);
+
+// OcesCertificate::Parse on the input and, when that succeeds, every getter
+// and text form of the result, plus the certificate-information functions the
+// token objects use on the same bytes. True when the parse succeeded; false
+// when the model refused the bytes with one of its documented exceptions.
+bool OcesCertificateInput(const uint8_t* data, size_t size);
+
+}  // namespace korvo_fuzz

@@ -1,0 +1,47 @@
+#pragma once
+// The certificate store over three directories of the user's home, taken
+// from the configuration:
+//   user certificates          <user name>_<sha256 hex>.cer
+//   intermediate CA certs      <sha256 hex>.cer
+//   root CA certs              <sha256 hex>.cer
+// where the hash is the lower-case hex SHA-256 of the DER bytes that the
+// file holds.
+
+#include <QDir>
+#include <QString>
+
+#include "config/certificatehandler.h"
+
+class Configuration;
+
+class CertificateHandlerLinux : public CertificateHandler {
+public:
+    // Keeps the pointer (not owned); loads nothing.
+    explicit CertificateHandlerLinux(Configuration* config);
+    ~CertificateHandlerLinux() override;
+
+    CertificateHandlerLinux(const CertificateHandlerLinux&) = delete;
+    CertificateHandlerLinux& operator=(const CertificateHandlerLinux&) = delete;
+
+    void loadClientCertificates() override;
+    void deleteUserCertificate(const MultiCertificate& certificate) override;
+    void deleteIntermediateCaCertificate(const ByteArray_constSlice& der) override;
+    void deleteRootCaCertificate(const ByteArray_constSlice& der) override;
+    // Refuses, with the parser's exception and without writing, bytes that
+    // are not an OCES certificate.
+    void saveUserCertificate(const MultiCertificate& certificate, bool flag) override;
+    void saveIntermediateCaCertificate(const ByteArray_constSlice& der) override;
+    void saveRootCaCertificate(const ByteArray_constSlice& der) override;
+
+private:
+    QDir getRootCertificateDir() const;
+    QDir getCaCertificateDir() const;
+    QDir getUserCertificateDir() const;
+    QString getCertificateFilePath(const MultiCertificate& certificate) const;
+    QList<ByteArray> loadCaCertificates(QDir dir) const;
+    QList<MultiCertificate> loadUserCertificates(QDir dir) const;
+    void deleteCaCertificate(const QDir& dir, const ByteArray_constSlice& der, QList<ByteArray>& cached);
+    const Configuration& configuration() const;
+
+    Configuration* config_;
+};

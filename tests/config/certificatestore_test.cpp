@@ -1,0 +1,339 @@
+#include "config/certificatehandler.h"
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSet>
+
+#include <gtest/gtest.h>
+
+#include "config/fileconfiguration.h"
+#include "config/fileutil.h"
+#include "config/multicertificate.h"
+#include "deps/cpp_modules/Hashers.h"
+#include "support/temp_home.h"
+
+using testsupport::tempHome;
+
+namespace {
+
+ByteArray readBytes(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) return ByteArray();
+    const QByteArray bytes = file.readAll();
+    return ByteArray(reinterpret_cast<const uint8_t*>(bytes.constData()), size_t(bytes.size()));
+}
+
+void writeBytes(const QString& path, const ByteArray& bytes)
+{
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly)) << path.toStdString();
+    file.write(reinterpret_cast<const char*>(bytes.data()), qint64(bytes.size()));
+}
+
+// Three OCES user certificates and one with a DSA key (an X.509 certificate
+// but no OCES certificate), from the test certificates made at build time.
+struct TestCertificates {
+    ByteArray user[3];
+    ByteArray dsaKey;
+};
+
+const TestCertificates& certs()
+{
+    const auto load = [](const char* name) { return readBytes(QStringLiteral(KORVO_TEST_CERTS_DIR "/") + name); };
+    static const TestCertificates made{
+        {load("user-person.der"), load("user-employee.der"), load("user-company.der")}, load("user-dsa.der")};
+    return made;
+}
+
+QString hashHex(const ByteArray& der)
+{
+    return QString::fromStdString(Sha256::Hash(der).toHex(HexCase::Lower));
+}
+
+const ByteArray kJunk = ByteArray::fromString("not a certificate");
+
+class CertificateStoreTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        testsupport::clearSettings();
+        QDir(tempHome() + "/.korvo").removeRecursively();
+        store.reset(CertificateHandler::Instance(&config));
+        ASSERT_FALSE(certs().user[2].empty() || certs().dsaKey.empty()) << "test certificates missing";
+    }
+    void TearDown() override
+    {
+        QDir(tempHome() + "/.korvo").removeRecursively();
+        testsupport::clearSettings();
+    }
+
+    static QString userDir() { return tempHome() + "/.korvo/user_certificates"; }
+    static QString intermediateDir() { return tempHome() + "/.korvo/intermediate_certificates"; }
+    static QString rootDir() { return tempHome() + "/.korvo/root_certificates"; }
+    static QString made(const QString& dir)
+    {
+        QDir().mkpath(dir);
+        return dir;
+    }
+    static QString userFile(const QString& user, const ByteArray& der)
+    {
+        return userDir() + "/" + user + "_" + hashHex(der) + ".cer";
+    }
+
+    QSet<QString> loadedUserNames() const
+    {
+        QSet<QString> names;
+        for (const MultiCertificate& mc : store->certificates()) names.insert(mc.getUserName());
+        return names;
+    }
+
+    FileConfiguration config;
+    std::unique_ptr<CertificateHandler> store;
+};
+
+}  // namespace
+
+// --- Listing and loading -------------------------------------------------
+
+TEST_F(CertificateStoreTest, LoadWithoutAnyDirectoryGivesThreeEmptyLists)
+{
+    store->loadClientCertificates();
+    EXPECT_TRUE(store->certificates().isEmpty());
+    EXPECT_TRUE(store->intermediateCaCertificates().isEmpty());
+    EXPECT_TRUE(store->rootCaCertificates().isEmpty());
+}
+
+TEST_F(CertificateStoreTest, UserNameIsTheFileNameUpToItsFirstUnderscoreAndContentIsNotChecked)
+{
+    made(userDir());
+    writeBytes(userDir() + "/alice_0123.cer", kJunk);  // hash part does not match the content
+    writeBytes(userDir() + "/a_b_c.cer", certs().user[0]);
+    writeBytes(userDir() + "/Carol_X.CER", certs().user[1]);  // extension in another case
+    writeBytes(userDir() + "/nounderscore.cer", certs().user[2]);
+    writeBytes(userDir() + "/dave_x.cer.bak", certs().user[2]);
+
+    store->loadClientCertificates();
+    EXPECT_EQ(loadedUserNames(), (QSet<QString>{"alice", "a", "Carol"}));
+    for (const MultiCertificate& mc : store->certificates()) {
+        if (mc.getUserName() == "alice") {
+            EXPECT_EQ(mc.asByteArray(), kJunk);
+        }
+    }
+}
+
+TEST_F(CertificateStoreTest, OnlyReadableRegularFilesAreListed)
+{
+    const QString dir = made(userDir());
+    writeBytes(dir + "/real_1.cer", certs().user[0]);
+    writeBytes(tempHome() + "/elsewhere.cer", certs().user[1]);
+    ASSERT_TRUE(QFile::link(tempHome() + "/elsewhere.cer", dir + "/link_2.cer"));
+    ASSERT_TRUE(QFile::link(dir + "/missing", dir + "/dangling_3.cer"));
+    ASSERT_TRUE(QDir().mkdir(dir + "/folder_4.cer"));
+    ASSERT_EQ(mkfifo((dir + "/fifo_5.cer").toLocal8Bit().constData(), 0600), 0);
+
+    EXPECT_EQ(FileUtil::getFilesInDirectory(QDir(dir), "*_*.cer"), QStringList{"real_1.cer"});
+    EXPECT_EQ(FileUtil::getFilesInDirectory(QDir(dir), "*.CER"), QStringList{"real_1.cer"});
+    store->loadClientCertificates();
+    EXPECT_EQ(loadedUserNames(), QSet<QString>{"real"});
+}
+
+TEST_F(CertificateStoreTest, ReadingAFifoOrAMissingFileFailsAtOnce)
+{
+    const QString fifo = made(userDir()) + "/fifo_1.cer";
+    ASSERT_EQ(mkfifo(fifo.toLocal8Bit().constData(), 0600), 0);
+    for (const QString& path : {fifo, userDir() + "/missing_2.cer"}) {
+        try {
+            FileUtil::readFileIntoByteArray(path);
+            ADD_FAILURE() << path.toStdString();
+        } catch (const std::runtime_error& e) {
+            EXPECT_STREQ(e.what(), "Unable to open file for reading!");
+        }
+    }
+}
+
+TEST_F(CertificateStoreTest, FileThatCannotBeReadIsNotListed)
+{
+    if (geteuid() == 0) GTEST_SKIP() << "every file is readable for root";
+    const QString dir = made(userDir());
+    writeBytes(dir + "/locked_1.cer", certs().user[0]);
+    ASSERT_TRUE(QFile::setPermissions(dir + "/locked_1.cer", QFileDevice::WriteOwner));
+    EXPECT_TRUE(FileUtil::getFilesInDirectory(QDir(dir), "*_*.cer").isEmpty());
+}
+
+TEST_F(CertificateStoreTest, EmptyUserFileAbortsTheLoadAndKeepsThePreviousLists)
+{
+    writeBytes(made(userDir()) + "/alice_1.cer", certs().user[0]);
+    writeBytes(made(rootDir()) + "/r.cer", certs().user[1]);
+    store->loadClientCertificates();
+    writeBytes(userDir() + "/x_y.cer", ByteArray());
+    QFile::remove(rootDir() + "/r.cer");
+
+    try {
+        store->loadClientCertificates();
+        FAIL() << "an empty user file must abort the load";
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ(e.what(), "Could not read certificate file: " + (userDir() + "/x_y.cer").toStdString());
+    }
+    EXPECT_EQ(store->certificates().size(), 1);
+    EXPECT_EQ(store->rootCaCertificates().size(), 1);
+}
+
+TEST_F(CertificateStoreTest, CaFilesOfBothDirectoriesAreLoadedEmptyOnesIncluded)
+{
+    writeBytes(made(intermediateDir()) + "/" + hashHex(certs().user[0]) + ".cer", certs().user[0]);
+    writeBytes(intermediateDir() + "/empty.cer", ByteArray());
+    writeBytes(intermediateDir() + "/other.der", certs().user[1]);
+    writeBytes(made(rootDir()) + "/any.Cer", certs().user[2]);
+
+    store->loadClientCertificates();
+    EXPECT_EQ(store->intermediateCaCertificates().size(), 2);
+    EXPECT_TRUE(store->intermediateCaCertificates().contains(certs().user[0]));
+    EXPECT_TRUE(store->intermediateCaCertificates().contains(ByteArray()));
+    EXPECT_EQ(store->rootCaCertificates(), QList<ByteArray>{certs().user[2]});
+    EXPECT_TRUE(store->certificates().isEmpty());
+}
+
+TEST_F(CertificateStoreTest, DirectoriesComeFromTheConfigurationWithTildeExpanded)
+{
+    const QString absolute = testsupport::freshDirectory("custom-users");
+    testsupport::setSetting("CertificateDir", absolute);
+    testsupport::setSetting("RootCertificateDir", "~/custom-roots");
+    writeBytes(absolute + "/bob_1.cer", certs().user[0]);
+    writeBytes(testsupport::freshDirectory("custom-roots") + "/r.cer", certs().user[1]);
+
+    store->loadClientCertificates();
+    EXPECT_EQ(loadedUserNames(), QSet<QString>{"bob"});
+    EXPECT_EQ(store->rootCaCertificates(), QList<ByteArray>{certs().user[1]});
+}
+
+// --- Saving ------------------------------------------------------------------
+
+TEST_F(CertificateStoreTest, SavedUserCertificatesAreNamedByUserAndHashAndLoadBack)
+{
+    const ByteArray& der = certs().user[0];
+    store->saveUserCertificate(MultiCertificate("alice", der), false);
+    store->saveUserCertificate(MultiCertificate("alice", der), true);
+    store->saveUserCertificate(MultiCertificate("bob", der), false);
+
+    EXPECT_EQ(readBytes(userFile("alice", der)), der);
+    EXPECT_EQ(QDir(userDir()).entryList(QDir::Files).size(), 2) << "one file per user name and certificate";
+    EXPECT_TRUE(store->certificates().isEmpty()) << "a save leaves the cached list alone";
+    store->loadClientCertificates();
+    EXPECT_EQ(loadedUserNames(), (QSet<QString>{"alice", "bob"}));
+    for (const MultiCertificate& mc : store->certificates()) EXPECT_EQ(mc.asByteArray(), der);
+}
+
+TEST_F(CertificateStoreTest, UserSaveRefusesWhatIsNoOcesCertificateAndWritesNothing)
+{
+    EXPECT_ANY_THROW(store->saveUserCertificate(MultiCertificate("alice", kJunk), false));
+    EXPECT_ANY_THROW(store->saveUserCertificate(MultiCertificate("alice", certs().dsaKey), false));
+    EXPECT_ANY_THROW(store->saveUserCertificate(MultiCertificate("alice", ByteArray()), false));
+    EXPECT_TRUE(QDir(userDir()).entryList(QDir::Files).isEmpty());
+}
+
+TEST_F(CertificateStoreTest, CaCertificatesAreSavedUnchecked)
+{
+    store->saveRootCaCertificate(kJunk);
+    store->saveIntermediateCaCertificate(certs().dsaKey);
+    EXPECT_EQ(readBytes(rootDir() + "/" + hashHex(kJunk) + ".cer"), kJunk);
+    EXPECT_EQ(readBytes(intermediateDir() + "/" + hashHex(certs().dsaKey) + ".cer"), certs().dsaKey);
+}
+
+TEST_F(CertificateStoreTest, SaveReplacesAnExistingFileWhole)
+{
+    const ByteArray& der = certs().user[1];
+    ByteArray longer = der;
+    longer.append(kJunk);
+    writeBytes(made(userDir()) + "/" + QFileInfo(userFile("alice", der)).fileName(), longer);
+
+    store->saveUserCertificate(MultiCertificate("alice", der), false);
+    EXPECT_EQ(readBytes(userFile("alice", der)), der);
+    EXPECT_EQ(QDir(userDir()).entryList(QDir::Files | QDir::Hidden).size(), 1) << "no temporary file is left";
+}
+
+TEST_F(CertificateStoreTest, SaveIntoAnUncreatableDirectoryFailsWithTheWriteError)
+{
+    made(tempHome() + "/.korvo");
+    writeBytes(userDir(), kJunk);  // a file where the directory should be
+    const std::string path = userFile("alice", certs().user[0]).toStdString();
+    try {
+        store->saveUserCertificate(MultiCertificate("alice", certs().user[0]), false);
+        FAIL() << "the write must fail";
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ(e.what(), "Unable to open certificate file " + path + " for writing.");
+    }
+    EXPECT_EQ(readBytes(userDir()), kJunk);
+}
+
+// --- Deleting ----------------------------------------------------------------
+
+TEST_F(CertificateStoreTest, DeleteRemovesTheFileAndOneCachedEntryWithTheSameBytes)
+{
+    store->saveUserCertificate(MultiCertificate("alice", certs().user[0]), false);
+    store->saveUserCertificate(MultiCertificate("bob", certs().user[0]), false);
+    store->loadClientCertificates();
+    ASSERT_EQ(store->certificates().size(), 2);
+
+    store->deleteUserCertificate(MultiCertificate("alice", certs().user[0]));
+    EXPECT_FALSE(QFile::exists(userFile("alice", certs().user[0])));
+    EXPECT_TRUE(QFile::exists(userFile("bob", certs().user[0])));
+    EXPECT_EQ(store->certificates().size(), 1);
+}
+
+TEST_F(CertificateStoreTest, FailedDeleteKeepsFileAndCachedEntry)
+{
+    writeBytes(made(userDir()) + "/alice_0123.cer", certs().user[0]);
+    store->loadClientCertificates();
+    store->deleteUserCertificate(store->certificates()[0]);  // its path is alice_<hash>.cer, not this file
+    EXPECT_TRUE(QFile::exists(userDir() + "/alice_0123.cer"));
+    EXPECT_EQ(store->certificates().size(), 1);
+}
+
+TEST_F(CertificateStoreTest, DeleteCaCertificatesRemovesFileAndCachedEntry)
+{
+    store->saveRootCaCertificate(certs().user[0]);
+    store->saveIntermediateCaCertificate(certs().user[1]);
+    store->saveIntermediateCaCertificate(certs().user[2]);
+    writeBytes(rootDir() + "/copy.cer", certs().user[0]);
+    store->loadClientCertificates();
+
+    store->deleteRootCaCertificate(certs().user[0]);
+    store->deleteIntermediateCaCertificate(certs().user[1]);
+    EXPECT_EQ(store->rootCaCertificates(), QList<ByteArray>{certs().user[0]}) << "only the first equal entry goes";
+    EXPECT_EQ(store->intermediateCaCertificates(), QList<ByteArray>{certs().user[2]});
+    EXPECT_EQ(QDir(rootDir()).entryList(QDir::Files), QStringList{"copy.cer"});
+    EXPECT_EQ(QDir(intermediateDir()).entryList(QDir::Files), QStringList{hashHex(certs().user[2]) + ".cer"});
+}
+
+TEST_F(CertificateStoreTest, DeleteAllUserCertificatesWorksOnWhatIsOnDisk)
+{
+    store->deleteAllUserCertificates();  // nothing there: nothing happens
+    for (int i = 0; i < 3; ++i) store->saveUserCertificate(MultiCertificate(QString("u%1").arg(i), certs().user[i]), false);
+    store->saveRootCaCertificate(certs().user[0]);
+
+    store->deleteAllUserCertificates();
+    EXPECT_TRUE(QDir(userDir()).entryList(QDir::Files).isEmpty());
+    EXPECT_TRUE(store->certificates().isEmpty());
+    EXPECT_EQ(store->rootCaCertificates().size(), 1) << "CA certificates stay";
+}
+
+// --- The certificate record ---------------------------------------------------
+
+TEST(MultiCertificateTest, HashIsTheSha256OfTheBytesAndTheNameIsKept)
+{
+    const ByteArray abc = ByteArray::fromString("abc");
+    EXPECT_EQ(MultiCertificate(abc).getCertHash().toHex(HexCase::Lower),
+              "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_EQ(MultiCertificate(abc).getUserName(), "");
+    EXPECT_EQ(MultiCertificate("alice", abc).getUserName(), "alice");
+    EXPECT_EQ(MultiCertificate("alice", abc).asByteArray(), abc);
+}
