@@ -93,6 +93,19 @@ CommandResult runCommand(const std::string& command);
 // sanitizer intercepts from the start. Empty in a normal build.
 std::string sanitizerPreload();
 
+// False when the module cannot be loaded by an uninstrumented client at
+// all: clang links its sanitizer runtimes statically into the test program,
+// so there is no shared runtime to hand on.
+constexpr bool clientsCanLoadModule()
+{
+#if defined(__clang__) && defined(__has_feature)
+#if __has_feature(address_sanitizer)
+    return false;
+#endif
+#endif
+    return true;
+}
+
 // The 68 Cryptoki 2.20 entry points, in function-list order.
 extern const char* const kCryptokiFunctionNames[68];
 
