@@ -18,23 +18,6 @@ public:
     explicit ObjectLock(P11Obj* object) : P11LockGuard(object, P11Obj_lock, P11Obj_unlock) {}
 };
 
-// Attributes C_GetAttributeValue withholds from a sensitive object.
-bool isWithheld(CK_ATTRIBUTE_TYPE type)
-{
-    switch (type) {
-    case CKA_VALUE:
-    case CKA_PRIVATE_EXPONENT:
-    case CKA_PRIME_1:
-    case CKA_PRIME_2:
-    case CKA_EXPONENT_1:
-    case CKA_EXPONENT_2:
-    case CKA_COEFFICIENT:
-        return true;
-    default:
-        return false;
-    }
-}
-
 // Objects made by import or unwrapping were never guaranteed secret.
 CK_RV markAsImported(P11Obj* object, bool ignoreUnstorable)
 {
@@ -355,11 +338,9 @@ CK_RV P11Obj_getAttributeValues(P11Obj* object, CK_ATTRIBUTE_PTR attributes, CK_
     // Every entry is processed; the first noted code is the result.
     CK_RV noted = CKR_OK;
     for (CK_ULONG i = 0; i < count; ++i) {
-        CK_RV entryRv;
-        if (sensitive && isWithheld(attributes[i].type))
-            entryRv = AttrSensitive(&attributes[i]);
-        else
-            entryRv = P11Obj_getAttribute(object, &attributes[i]);
+        // A sensitive object's key material is withheld; the rest is read.
+        CK_RV entryRv = sensitive ? AttrSensitive(&attributes[i]) : CKR_OK;
+        if (entryRv == CKR_OK) entryRv = P11Obj_getAttribute(object, &attributes[i]);
         if (entryRv == CKR_OK) continue;
         if (entryRv != CKR_ATTRIBUTE_SENSITIVE && entryRv != CKR_ATTRIBUTE_TYPE_INVALID && entryRv != CKR_BUFFER_TOO_SMALL)
             return lock.release(entryRv);
