@@ -1,0 +1,328 @@
+#include "pkcs11/db/Tavik_privatekey_helper.h"
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/rsa.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <gtest/gtest.h>
+
+#include "pkcs11/objects/P11Obj.h"
+#include "support/temp_home.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+const char* const kMissingHelperRun = "KORVO_TEST_HELPER_MISSING_RUN";
+
+// A stand-in for the private-key class: the modulus is the only attribute.
+struct FakeKey {
+    P11Obj header{};
+    Bytes modulus;
+    CK_ATTRIBUTE modulusAttribute{};
+    Bytes digest;
+    std::wstring userName;
+    bool nullUserName = false;
+};
+
+CK_RV peekModulus(P11Obj* object, CK_ATTRIBUTE_TYPE type, const CK_ATTRIBUTE** attribute)
+{
+    if (type != CKA_MODULUS) return CKR_ATTRIBUTE_TYPE_INVALID;
+    *attribute = &reinterpret_cast<FakeKey*>(object)->modulusAttribute;
+    return CKR_OK;
+}
+
+CK_RV readKeyInfo(P11Obj* object, Tavik_RsaKeyInfo* info)
+{
+    FakeKey* key = reinterpret_cast<FakeKey*>(object);
+    info->certDigest = key->digest.data();
+    info->userName = key->nullUserName ? nullptr : key->userName.c_str();
+    return CKR_OK;
+}
+
+P11ObjClass makeClass()
+{
+    P11ObjClass clazz{};
+    clazz.name = "fake private key";
+    clazz.peekAttribute = peekModulus;
+    return clazz;
+}
+const P11ObjClass kKeyClass = makeClass();
+const P11ObjClass kOtherClass = makeClass();
+const Tavik_RsaKeyAccess kAccess{&kKeyClass, readKeyInfo};
+
+std::string lowerHex(const Bytes& bytes)
+{
+    return ByteArray(bytes.data(), bytes.size()).toHex(HexCase::Lower);
+}
+
+class HelperTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        EVP_PKEY_CTX* context = EVP_PKEY_CTX_new_id(EVP_PKEY_RSA, nullptr);
+        ASSERT_TRUE(context);
+        ASSERT_GT(EVP_PKEY_keygen_init(context), 0);
+        ASSERT_GT(EVP_PKEY_CTX_set_rsa_keygen_bits(context, 2048), 0);
+        ASSERT_GT(EVP_PKEY_keygen(context, &rsaKey), 0);
+        EVP_PKEY_CTX_free(context);
+    }
+    static void TearDownTestSuite()
+    {
+        EVP_PKEY_free(rsaKey);
+        rsaKey = nullptr;
+    }
+
+    void SetUp() override
+    {
+        runLog = testsupport::freshDirectory("helper-runs") + "/runs.txt";
+        setenv("KORVO_HELPER_RUN_LOG", runLog.toLocal8Bit().constData(), 1);
+        key = makeKey();
+    }
+    void TearDown() override
+    {
+        unsetenv("KORVO_HELPER_RUN_LOG");
+        unsetenv("KORVO_HELPER_TEST_MODE");
+        unsetenv("KORVO_HELPER_TEST_OUTPUT");
+    }
+
+    // A key object under a fresh certificate digest, its private key in the
+    // user's key folder, so no earlier cache entry can answer for it.
+    FakeKey makeKey()
+    {
+        FakeKey made;
+        made.header.clazz = &kKeyClass;
+        made.digest.resize(32);
+        RAND_bytes(made.digest.data(), 32);
+        made.userName = L"Alice";
+        BIGNUM* n = nullptr;
+        EVP_PKEY_get_bn_param(rsaKey, "n", &n);
+        made.modulus.resize(BN_num_bytes(n));
+        BN_bn2bin(n, made.modulus.data());
+        BN_free(n);
+        made.modulusAttribute = {CKA_MODULUS, made.modulus.data(), made.modulus.size()};
+
+        const QString dir = testsupport::tempHome() + "/.korvo/keys";
+        QDir().mkpath(dir);
+        const QString path = dir + "/" + QString::fromStdString(lowerHex(made.digest)) + ".pem";
+        FILE* file = std::fopen(path.toLocal8Bit().constData(), "w");
+        EXPECT_TRUE(file);
+        if (file) {
+            EXPECT_EQ(PEM_write_PrivateKey(file, rsaKey, nullptr, nullptr, 0, nullptr, nullptr), 1);
+            std::fclose(file);
+        }
+        return made;
+    }
+
+    Bytes block(unsigned char fill) const
+    {
+        Bytes bytes(key.modulus.size(), fill);
+        bytes[0] = 0;
+        return bytes;
+    }
+
+    static Bytes openSslRaw(const Bytes& input)
+    {
+        EVP_PKEY_CTX* context = EVP_PKEY_CTX_new(rsaKey, nullptr);
+        Bytes output(input.size());
+        size_t length = output.size();
+        EXPECT_GT(EVP_PKEY_decrypt_init(context), 0);
+        EXPECT_GT(EVP_PKEY_CTX_set_rsa_padding(context, RSA_NO_PADDING), 0);
+        EXPECT_GT(EVP_PKEY_decrypt(context, output.data(), &length, input.data(), input.size()), 0);
+        EVP_PKEY_CTX_free(context);
+        output.resize(length);
+        return output;
+    }
+
+    CK_RV run(FakeKey& which, Bytes input, Bytes* output, unsigned long capacity)
+    {
+        output->assign(capacity, 0xEE);
+        unsigned long length = capacity;
+        const CK_RV rv = Tavik_RSA_decrypt(nullptr, &which.header, input.data(), input.size(), output->data(), &length, kAccess);
+        if (rv == CKR_OK) output->resize(length);
+        return rv;
+    }
+
+    QStringList runs() const
+    {
+        QFile file(runLog);
+        if (!file.open(QIODevice::ReadOnly)) return {};
+        return QString::fromLatin1(file.readAll()).split('\n', Qt::SkipEmptyParts);
+    }
+
+    static EVP_PKEY* rsaKey;
+    QString runLog;
+    FakeKey key;
+};
+
+EVP_PKEY* HelperTest::rsaKey = nullptr;
+
+TEST_F(HelperTest, RawOperationEqualsOpenSslsAndPassesUserDigestAndInputAsHex)
+{
+    key.userName = L"\u00C5";
+    const Bytes input = block(0x5A);
+    Bytes output;
+    ASSERT_EQ(run(key, input, &output, key.modulus.size()), CKR_OK);
+    EXPECT_EQ(output, openSslRaw(input));
+    EXPECT_EQ(output.size(), key.modulus.size());
+
+    const std::string expected = "00C5 " + ByteArray(key.digest.data(), 32).toHex() + " " +
+                                 ByteArray(input.data(), input.size()).toHex();
+    ASSERT_EQ(runs().size(), 1);
+    EXPECT_EQ(runs()[0].toStdString(), expected);
+}
+
+// '' on the shell's command line reaches the helper as an empty argument.
+TEST_F(HelperTest, EmptyUserNameReachesTheHelperAsEmptyArgument)
+{
+    key.nullUserName = true;
+    Bytes output;
+    ASSERT_EQ(run(key, block(1), &output, key.modulus.size()), CKR_OK);
+    key.nullUserName = false;
+    key.userName.clear();
+    ASSERT_EQ(run(key, block(2), &output, key.modulus.size()), CKR_OK);
+    ASSERT_EQ(runs().size(), 2);
+    const QString expected = " " + QString::fromStdString(ByteArray(key.digest.data(), 32).toHex()) + " ";
+    EXPECT_TRUE(runs()[0].startsWith(expected)) << runs()[0].toStdString();
+    EXPECT_TRUE(runs()[1].startsWith(expected)) << runs()[1].toStdString();
+}
+
+TEST(HelperUserNameHex, KeepsLowSixteenBitsOfEachCharacterHighByteFirst)
+{
+    EXPECT_EQ(Tavik_userNameHex(L"Ab"), "00410062");
+    EXPECT_EQ(Tavik_userNameHex(L"\u00C5"), "00C5");
+    EXPECT_EQ(Tavik_userNameHex(L"\U0001F600"), "F600");
+    EXPECT_EQ(Tavik_userNameHex(L""), "''");
+    EXPECT_EQ(Tavik_userNameHex(nullptr), "''");
+}
+
+TEST_F(HelperTest, SizeQueryAndTooSmallBufferThenRetryRunTheHelperOnce)
+{
+    Bytes input = block(0x33);
+    unsigned long length = 0;
+    ASSERT_EQ(Tavik_RSA_decrypt(nullptr, &key.header, input.data(), input.size(), nullptr, &length, kAccess), CKR_OK);
+    EXPECT_EQ(length, key.modulus.size());
+    EXPECT_TRUE(runs().isEmpty());
+
+    Bytes small(10);
+    length = small.size();
+    EXPECT_EQ(Tavik_RSA_decrypt(nullptr, &key.header, input.data(), input.size(), small.data(), &length, kAccess),
+              CKR_BUFFER_TOO_SMALL);
+    EXPECT_EQ(length, 10u);
+
+    Bytes output;
+    ASSERT_EQ(run(key, input, &output, key.modulus.size()), CKR_OK);
+    EXPECT_EQ(output, openSslRaw(input));
+    EXPECT_EQ(runs().size(), 1);
+
+    // Another input, or the same input under another certificate, runs it again.
+    ASSERT_EQ(run(key, block(0x34), &output, key.modulus.size()), CKR_OK);
+    FakeKey other = makeKey();
+    ASSERT_EQ(run(other, block(0x34), &output, key.modulus.size()), CKR_OK);
+    EXPECT_EQ(runs().size(), 3);
+}
+
+TEST_F(HelperTest, RefusalGivesCanceledAndKeepsTheCachedResult)
+{
+    Bytes output;
+    ASSERT_EQ(run(key, block(7), &output, key.modulus.size()), CKR_OK);
+    setenv("KORVO_HELPER_TEST_MODE", "refuse", 1);
+    EXPECT_EQ(run(key, block(8), &output, key.modulus.size()), CKR_FUNCTION_CANCELED);
+    ASSERT_EQ(run(key, block(7), &output, key.modulus.size()), CKR_OK);
+    EXPECT_EQ(output, openSslRaw(block(7)));
+    EXPECT_EQ(runs().size(), 2);
+}
+
+TEST_F(HelperTest, CrashedHelperGivesDeviceError)
+{
+    setenv("KORVO_HELPER_TEST_MODE", "crash", 1);
+    Bytes output;
+    EXPECT_EQ(run(key, block(9), &output, key.modulus.size()), CKR_DEVICE_ERROR);
+}
+
+TEST_F(HelperTest, ExitCodeOneWithValidResultIsSuccess)
+{
+    setenv("KORVO_HELPER_TEST_MODE", "exit1", 1);
+    Bytes output;
+    ASSERT_EQ(run(key, block(10), &output, key.modulus.size()), CKR_OK);
+    EXPECT_EQ(output, openSslRaw(block(10)));
+}
+
+TEST_F(HelperTest, ResultIsFirstZeroZeroHexRunOfUpperCasedOutput)
+{
+    Bytes output;
+    setenv("KORVO_HELPER_TEST_OUTPUT", "abc00ff\n", 1);
+    ASSERT_EQ(run(key, block(11), &output, key.modulus.size()), CKR_OK);
+    EXPECT_EQ(output, Bytes{0xFF});
+
+    setenv("KORVO_HELPER_TEST_OUTPUT", "error 42", 1);
+    EXPECT_EQ(run(key, block(12), &output, key.modulus.size()), CKR_FUNCTION_CANCELED);
+}
+
+TEST_F(HelperTest, ArgumentsAreCheckedBeforeAnyRun)
+{
+    Bytes input = block(13), output(key.modulus.size());
+    unsigned long length = output.size();
+    EXPECT_EQ(Tavik_RSA_decrypt(nullptr, nullptr, input.data(), input.size(), output.data(), &length, kAccess), CKR_KEY_NEEDED);
+    FakeKey other = makeKey();
+    other.header.clazz = &kOtherClass;
+    EXPECT_EQ(Tavik_RSA_decrypt(nullptr, &other.header, input.data(), input.size(), output.data(), &length, kAccess),
+              CKR_KEY_TYPE_INCONSISTENT);
+    EXPECT_EQ(Tavik_RSA_decrypt(nullptr, &key.header, nullptr, 0, output.data(), &length, kAccess), CKR_MECHANISM_PARAM_INVALID);
+    EXPECT_EQ(Tavik_RSA_decrypt(nullptr, &key.header, input.data(), input.size(), output.data(), nullptr, kAccess),
+              CKR_MECHANISM_PARAM_INVALID);
+    EXPECT_TRUE(runs().isEmpty());
+}
+
+TEST(HelperCache, HitsOnlyOnTheSameDigestAndInputBytes)
+{
+    DecryptionCache cache;
+    const ByteArray digest{1, 2, 3}, input{4, 5}, stored{9};
+    cache.Insert(digest, input, stored);
+    ByteArray result;
+    EXPECT_FALSE(cache.TryLookUp(digest, ByteArray{4}, result));
+    EXPECT_FALSE(cache.TryLookUp(ByteArray{1, 2, 4}, input, result));
+    ASSERT_TRUE(cache.TryLookUp(digest, input, result));
+    EXPECT_EQ(result, stored);
+}
+
+// The helper is looked for beside the code's own file: run this test program
+// under a name in an empty directory and the helper is missing.
+TEST_F(HelperTest, MissingHelperGivesCanceled)
+{
+    if (std::getenv(kMissingHelperRun)) {
+        ASSERT_FALSE(QFileInfo::exists(QFileInfo(CurrentFileName::getCurrentFileName()).dir().filePath("KorvoPerformRsa")));
+        Bytes output;
+        EXPECT_EQ(run(key, block(14), &output, key.modulus.size()), CKR_FUNCTION_CANCELED);
+        return;
+    }
+    ASSERT_TRUE(QFileInfo::exists(QFileInfo(CurrentFileName::getCurrentFileName()).dir().filePath("KorvoPerformRsa")));
+    const QByteArray fakeName = (testsupport::freshDirectory("no-helper") + "/unit_tests").toLocal8Bit();
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        setenv(kMissingHelperRun, "1", 1);
+        char filter[] = "--gtest_filter=HelperTest.MissingHelperGivesCanceled";
+        char* argv[] = {const_cast<char*>(fakeName.constData()), filter, nullptr};
+        execv("/proc/self/exe", argv);
+        _exit(127);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+}  // namespace
