@@ -4,6 +4,8 @@
 
 #include <new>
 
+#include "pkcs11/db/Tavik_p11trace.h"
+
 CK_CREATEMUTEX CreateMutexPointer = nullptr;
 CK_DESTROYMUTEX DestroyMutexPointer = nullptr;
 CK_LOCKMUTEX LockMutexPointer = nullptr;
@@ -105,6 +107,27 @@ CK_RV P11Mutex_unlock(P11MutexHandle mutex)
 {
     if (!UnlockMutexPointer) return CKR_OK;
     return UnlockMutexPointer(mutex);
+}
+
+CK_RV P11Mutex_lockRecord(P11MutexHandle mutex, P11LockRecord* record, const char* locking, const char* locked)
+{
+    TSQ_TRACE_DETAIL(5, locking, mutex);
+    const CK_RV rv = P11Mutex_lock(mutex);
+    if (rv != CKR_OK) return rv;
+    *record = mutex;
+    TSQ_TRACE_DETAIL(5, locked, mutex);
+    return CKR_OK;
+}
+
+CK_RV P11Mutex_unlockRecord(P11LockRecord* record, const void* subject, const char* unlocking, const char* unlocked)
+{
+    if (!*record) return CKR_OK;
+    TSQ_TRACE_DETAIL(5, unlocking, subject);
+    const CK_RV rv = P11Mutex_unlock(*record);
+    if (rv != CKR_OK) return rv;
+    TSQ_TRACE_DETAIL(5, unlocked, subject);
+    *record = nullptr;
+    return CKR_OK;
 }
 
 CK_RV P11_createGlobalLock() { return CKR_OK; }

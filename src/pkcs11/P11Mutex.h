@@ -32,6 +32,13 @@ CK_RV P11Mutex_destruct(P11MutexHandle* mutex);
 CK_RV P11Mutex_lock(P11MutexHandle mutex);
 CK_RV P11Mutex_unlock(P11MutexHandle mutex);
 
+// The lock-record discipline with its detail trace lines: lock the mutex
+// into the record; unlock what the record holds (nothing for a 0 record)
+// and clear it. Each text carries one %p: the mutex when locking, `subject`
+// when unlocking.
+CK_RV P11Mutex_lockRecord(P11MutexHandle mutex, P11LockRecord* record, const char* locking, const char* locked);
+CK_RV P11Mutex_unlockRecord(P11LockRecord* record, const void* subject, const char* unlocking, const char* unlocked);
+
 // The global function lock: made and destroyed with the token, never taken.
 CK_RV P11_createGlobalLock();
 CK_RV P11_createGlobalFunctionLock();

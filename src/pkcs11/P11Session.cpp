@@ -236,23 +236,12 @@ CK_RV P11Session_freeOperationData(P11Session* session)
 
 CK_RV P11Session_lock(P11Session* session, P11LockRecord* record)
 {
-    TSQ_TRACE_DETAIL(5, "** Session locking (%p)", session->mutex);
-    const CK_RV rv = P11Mutex_lock(session->mutex);
-    if (rv != CKR_OK) return rv;
-    *record = session->mutex;
-    TSQ_TRACE_DETAIL(5, "** Session locked (%p)", session->mutex);
-    return CKR_OK;
+    return P11Mutex_lockRecord(session->mutex, record, "** Session locking (%p)", "** Session locked (%p)");
 }
 
 CK_RV P11Session_unlock(P11Session*, P11LockRecord* record)
 {
-    if (!*record) return CKR_OK;
-    TSQ_TRACE_DETAIL(5, "** Session unlocking (%p)", *record);
-    const CK_RV rv = P11Mutex_unlock(*record);
-    if (rv != CKR_OK) return rv;
-    TSQ_TRACE_DETAIL(5, "** Session unlocked (%p)", *record);
-    *record = nullptr;
-    return CKR_OK;
+    return P11Mutex_unlockRecord(record, *record, "** Session unlocking (%p)", "** Session unlocked (%p)");
 }
 
 CK_RV P11Session_login(P11Session* session, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen)

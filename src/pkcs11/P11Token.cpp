@@ -100,27 +100,6 @@ CK_RV withGenerator(P11Token* token, Operation operation)
     return lock.release(operation() == CRYPTO_OK ? CKR_OK : CKR_GENERAL_ERROR);
 }
 
-CK_RV lockMutex(P11MutexHandle mutex, P11LockRecord* record, const char* locking, const char* locked)
-{
-    TSQ_TRACE_DETAIL(5, locking, mutex);
-    const CK_RV rv = P11Mutex_lock(mutex);
-    if (rv != CKR_OK) return rv;
-    *record = mutex;
-    TSQ_TRACE_DETAIL(5, locked, mutex);
-    return CKR_OK;
-}
-
-CK_RV unlockMutex(P11LockRecord* record, const char* unlocking, const char* unlocked)
-{
-    if (!*record) return CKR_OK;
-    TSQ_TRACE_DETAIL(5, unlocking, *record);
-    const CK_RV rv = P11Mutex_unlock(*record);
-    if (rv != CKR_OK) return rv;
-    TSQ_TRACE_DETAIL(5, unlocked, *record);
-    *record = nullptr;
-    return CKR_OK;
-}
-
 // Tears down what construction built, in reverse order. Each step tolerates
 // a part that was never built.
 CK_RV teardown(P11Token* token)
@@ -556,23 +535,23 @@ CK_RV P11Token_storeObject(P11Token* token, P11Obj* object)
 CK_RV P11Token_lock(P11Token* token, P11LockRecord* record)
 {
     if (!token) return CKR_GENERAL_ERROR;
-    return lockMutex(token->tokenMutex, record, "** Token locking (%p)", "** Token locked (%p)");
+    return P11Mutex_lockRecord(token->tokenMutex, record, "** Token locking (%p)", "** Token locked (%p)");
 }
 
 CK_RV P11Token_unlock(P11Token*, P11LockRecord* record)
 {
-    return unlockMutex(record, "** Token unlocking (%p)", "** Token unlocked (%p)");
+    return P11Mutex_unlockRecord(record, *record, "** Token unlocking (%p)", "** Token unlocked (%p)");
 }
 
 CK_RV P11TokenObjectHandleCnt_lock(P11Token* token, P11LockRecord* record)
 {
     if (!token) return CKR_GENERAL_ERROR;
-    return lockMutex(token->handleMutex, record, "** Token locking (%p)", "** Token locked (%p)");
+    return P11Mutex_lockRecord(token->handleMutex, record, "** Token locking (%p)", "** Token locked (%p)");
 }
 
 CK_RV P11TokenObjectHandleCnt_unlock(P11Token*, P11LockRecord* record)
 {
-    return unlockMutex(record, "** Token unlocking (%p)", "** Token unlocked (%p)");
+    return P11Mutex_unlockRecord(record, *record, "** Token unlocking (%p)", "** Token unlocked (%p)");
 }
 
 CK_RV P11Token_lockdb(P11Token* token, P11LockRecord* record)

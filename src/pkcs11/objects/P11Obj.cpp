@@ -35,23 +35,12 @@ void P11Obj_setHandle(P11Obj* object, CK_OBJECT_HANDLE handle)
 
 CK_RV P11Obj_lock(P11Obj* object, P11LockRecord* record)
 {
-    TSQ_TRACE_DETAIL(5, "** Obj locking (%p)", object->mutex);
-    const CK_RV rv = P11Mutex_lock(object->mutex);
-    if (rv != CKR_OK) return rv;
-    *record = object->mutex;
-    TSQ_TRACE_DETAIL(5, "** Obj locked (%p)", object->mutex);
-    return CKR_OK;
+    return P11Mutex_lockRecord(object->mutex, record, "** Obj locking (%p)", "** Obj locked (%p)");
 }
 
 CK_RV P11Obj_unlock(P11Obj* object, P11LockRecord* record)
 {
-    if (!*record) return CKR_OK;
-    TSQ_TRACE_DETAIL(5, "** Obj unlocking (%p)", static_cast<void*>(object));
-    const CK_RV rv = P11Mutex_unlock(*record);
-    if (rv != CKR_OK) return rv;
-    TSQ_TRACE_DETAIL(5, "** Obj unlocked (%p)", static_cast<void*>(object));
-    *record = nullptr;
-    return CKR_OK;
+    return P11Mutex_unlockRecord(record, object, "** Obj unlocking (%p)", "** Obj unlocked (%p)");
 }
 
 CK_RV P11Obj_peekAttribute(P11Obj* object, CK_ATTRIBUTE_TYPE type, const CK_ATTRIBUTE** attribute)
