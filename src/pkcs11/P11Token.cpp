@@ -100,6 +100,20 @@ CK_RV withGenerator(P11Token* token, Operation operation)
     return lock.release(operation() == CRYPTO_OK ? CKR_OK : CKR_GENERAL_ERROR);
 }
 
+// Calls visit on every open session in list order; the first failure stops
+// the walk and is returned. The caller holds the token mutex.
+template <typename Visit>
+CK_RV forEachSession(P11Token* token, Visit visit)
+{
+    P11SessionListCursor cursor = 0;
+    P11Session* session = nullptr;
+    while (P11SessionList_enumSessions(token->sessions, &cursor, &session) == CKR_OK && session) {
+        const CK_RV rv = visit(session);
+        if (rv != CKR_OK) return rv;
+    }
+    return CKR_OK;
+}
+
 // Tears down what construction built, in reverse order. Each step tolerates
 // a part that was never built.
 CK_RV teardown(P11Token* token)
@@ -321,12 +335,8 @@ CK_RV P11Token_login(P11Token* token, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pin
     rv = P11DB_Login(token->database, userType, pin, pinLen);
     if (rv != CKR_OK) return lock.release(rv);
     // The login belongs to the token: every open session sees it.
-    P11SessionListCursor cursor = 0;
-    P11Session* session = nullptr;
-    while (P11SessionList_enumSessions(token->sessions, &cursor, &session) == CKR_OK && session) {
-        rv = P11Session_doLogin(session);
-        if (rv != CKR_OK) return lock.release(rv);
-    }
+    rv = forEachSession(token, [&](P11Session* session) { return P11Session_doLogin(session); });
+    if (rv != CKR_OK) return lock.release(rv);
     token->userLoggedIn = CK_TRUE;
     return lock.release(CKR_OK);
 }
@@ -343,12 +353,8 @@ CK_RV P11Token_logout_do(P11Token* token)
 {
     if (!token->userLoggedIn && !token->soLoggedIn) return CKR_USER_NOT_LOGGED_IN;
     if (token->userLoggedIn) {
-        P11SessionListCursor cursor = 0;
-        P11Session* session = nullptr;
-        while (P11SessionList_enumSessions(token->sessions, &cursor, &session) == CKR_OK && session) {
-            const CK_RV rv = P11Session_doLogout(session);
-            if (rv != CKR_OK) return rv;
-        }
+        const CK_RV rv = forEachSession(token, [&](P11Session* session) { return P11Session_doLogout(session); });
+        if (rv != CKR_OK) return rv;
         token->userLoggedIn = CK_FALSE;
     }
     token->soLoggedIn = CK_FALSE;
@@ -481,12 +487,8 @@ CK_RV P11Token_findObjects(P11Token* token, P11FindContext* context)
     TokenLock lock(token, P11Token_lock, P11Token_unlock);
     CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
-    P11SessionListCursor cursor = 0;
-    P11Session* session = nullptr;
-    while (P11SessionList_enumSessions(token->sessions, &cursor, &session) == CKR_OK && session) {
-        rv = P11Session_doFindObjects(session, context);
-        if (rv != CKR_OK) return lock.release(rv);
-    }
+    rv = forEachSession(token, [&](P11Session* session) { return P11Session_doFindObjects(session, context); });
+    if (rv != CKR_OK) return lock.release(rv);
     return lock.release(P11DB_FindObjects(token->database, context));
 }
 
@@ -495,12 +497,8 @@ CK_RV P11Token_forgetKey(P11Token* token, P11Obj* key)
     TokenLock lock(token, P11Token_lock, P11Token_unlock);
     CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
-    P11SessionListCursor cursor = 0;
-    P11Session* session = nullptr;
-    while (P11SessionList_enumSessions(token->sessions, &cursor, &session) == CKR_OK && session) {
-        rv = P11Session_forgetKey(session, key);
-        if (rv != CKR_OK) return lock.release(rv);
-    }
+    rv = forEachSession(token, [&](P11Session* session) { return P11Session_forgetKey(session, key); });
+    if (rv != CKR_OK) return lock.release(rv);
     return lock.release(CKR_OK);
 }
 
