@@ -10,6 +10,7 @@ packages=(
   libnss3-dev libnspr4-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   opensc softhsm2 python3-pykcs11
+  libnss3-tools gnutls-bin libengine-pkcs11-openssl p11-kit p11-kit-modules ca-certificates   # client applications
   clang libclang-rt-14-dev   # the fuzz build: clang, libFuzzer and the sanitizer runtimes
 )
 

@@ -6,7 +6,8 @@
 # with the private keys as PEM PKCS#8 (*.key.pem). index.txt lists every
 # certificate and what it exercises. store/ holds a copy of some of them laid
 # out as the token's three certificate folders, under the file names the
-# token expects. Every name in them is invented.
+# token expects, with the user keys in keys/ as the reference helper finds
+# them. Every name in them is invented.
 #
 # Running it again with the same script does nothing (index.txt records the
 # script's digest); a changed script makes everything anew. Validity dates
@@ -200,14 +201,16 @@ user user-dsa 100C user_person "/C=XX/O=Invented Org/CN=Hans Invented" \
 # The token's certificate folders: user files are <user>_<sha-256>.cer, CA
 # files <sha-256>.cer, all raw DER.
 sha() { sha256sum "$1" | cut -d' ' -f1; }
-mkdir -p out/store/root_certificates out/store/intermediate_certificates out/store/user_certificates
+mkdir -p out/store/root_certificates out/store/intermediate_certificates out/store/user_certificates out/store/keys
 cp out/root-ca.der "out/store/root_certificates/$(sha out/root-ca.der).cer"
 cp out/intermediate-ca.der "out/store/intermediate_certificates/$(sha out/intermediate-ca.der).cer"
 for pair in alice:user-person alice:user-san-email bob:user-serialnumber-rdn carol:user-company; do
   u=${pair%%:*} f=out/${pair#*:}.der
   cp "$f" "out/store/user_certificates/${u}_$(sha "$f").cer"
+  # The reference helper finds a user's key by the certificate's digest.
+  cp "out/${pair#*:}.key.pem" "out/store/keys/$(sha "$f").pem"
 done
-note store/ "root_certificates, intermediate_certificates, user_certificates: the root, the intermediate and user-person + user-san-email (alice), user-serialnumber-rdn (bob), user-company (carol) under the token's file names"
+note store/ "root_certificates, intermediate_certificates, user_certificates, keys: the root, the intermediate and user-person + user-san-email (alice), user-serialnumber-rdn (bob), user-company (carol) under the token's file names, with the user keys as the reference helper looks them up (keys/<sha-256>.pem)"
 
 {
   echo "$stamp"
