@@ -80,15 +80,31 @@ void CertificateHandlerLinux::loadClientCertificates()
     traceEnter(__LINE__, __func__, "%1 enter");
     // Everything is read before anything is replaced, so a failed load leaves
     // the cached lists as they were.
-    QList<MultiCertificate> users = loadUserCertificates(getUserCertificateDir());
-    QList<ByteArray> intermediates = loadCaCertificates(getCaCertificateDir());
-    QList<ByteArray> roots = loadCaCertificates(getRootCertificateDir());
+    FileCache used;
+    QList<MultiCertificate> users = loadUserCertificates(getUserCertificateDir(), used);
+    QList<ByteArray> intermediates = loadCaCertificates(getCaCertificateDir(), used);
+    QList<ByteArray> roots = loadCaCertificates(getRootCertificateDir(), used);
     certificates_.swap(users);
     intermediateCaCertificates_.swap(intermediates);
     rootCaCertificates_.swap(roots);
+    fileCache_.swap(used);
 }
 
-QList<MultiCertificate> CertificateHandlerLinux::loadUserCertificates(QDir dir) const
+ByteArray CertificateHandlerLinux::readCertificateFile(const QString& path, FileCache& used) const
+{
+    FileIdentity now;
+    const auto cached = fileCache_.constFind(path);
+    if (cached != fileCache_.constEnd() && FileUtil::fileIdentity(path, &now) && now == cached->identity) {
+        used.insert(path, *cached);
+        return cached->bytes;
+    }
+    CachedFile fresh;
+    fresh.bytes = FileUtil::readFileIntoByteArray(path, &fresh.identity);
+    used.insert(path, fresh);
+    return fresh.bytes;
+}
+
+QList<MultiCertificate> CertificateHandlerLinux::loadUserCertificates(QDir dir, FileCache& used) const
 {
     traceEnter(__LINE__, __func__, "%1 enter");
     const QStringList names = FileUtil::getFilesInDirectory(dir, QStringLiteral("*_*.") + kExtension);
@@ -99,7 +115,7 @@ QList<MultiCertificate> CertificateHandlerLinux::loadUserCertificates(QDir dir) 
     for (const QString& name : names) {
         const QString path = dir.absoluteFilePath(name);
         fileLogger->Trace(__LINE__, QStringLiteral("Reading %1").arg(path));
-        const ByteArray bytes = FileUtil::readFileIntoByteArray(path);
+        const ByteArray bytes = readCertificateFile(path, used);
         if (bytes.empty()) {
             const QString message = QStringLiteral("Could not read certificate file: ") + path;
             fileLogger->Error(__LINE__, message);
@@ -114,7 +130,7 @@ QList<MultiCertificate> CertificateHandlerLinux::loadUserCertificates(QDir dir) 
     return result;
 }
 
-QList<ByteArray> CertificateHandlerLinux::loadCaCertificates(QDir dir) const
+QList<ByteArray> CertificateHandlerLinux::loadCaCertificates(QDir dir, FileCache& used) const
 {
     const QStringList names = FileUtil::getFilesInDirectory(dir, QStringLiteral("*.") + kExtension);
     fileLogger->Trace(__LINE__, QStringLiteral("Loading certificates: %1 files found").arg(names.size()));
@@ -123,7 +139,7 @@ QList<ByteArray> CertificateHandlerLinux::loadCaCertificates(QDir dir) const
     result.reserve(names.size());
     for (const QString& name : names) {
         const QString path = dir.absoluteFilePath(name);
-        ByteArray bytes = FileUtil::readFileIntoByteArray(path);
+        ByteArray bytes = readCertificateFile(path, used);
         fileLogger->Trace(__LINE__, QStringLiteral("Loading file: ") + path +
                                         QStringLiteral(". Certificate of size: %1 bytes loaded").arg(bytes.size()));
         result.append(std::move(bytes));

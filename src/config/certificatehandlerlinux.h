@@ -8,9 +8,11 @@
 // file holds.
 
 #include <QDir>
+#include <QHash>
 #include <QString>
 
 #include "config/certificatehandler.h"
+#include "config/fileutil.h"
 
 class Configuration;
 
@@ -34,14 +36,26 @@ public:
     void saveRootCaCertificate(const ByteArray_constSlice& der) override;
 
 private:
+    // The bytes last read from each listed file, with the file's identity
+    // then: a file whose identity has not changed is not read again.
+    struct CachedFile {
+        FileIdentity identity;
+        ByteArray bytes;
+    };
+    typedef QHash<QString, CachedFile> FileCache;
+
+    // The file's bytes, from the cache while its identity is unchanged;
+    // what was used goes into `used`, which becomes the cache after a load.
+    ByteArray readCertificateFile(const QString& path, FileCache& used) const;
     QDir getRootCertificateDir() const;
     QDir getCaCertificateDir() const;
     QDir getUserCertificateDir() const;
     QString getCertificateFilePath(const MultiCertificate& certificate) const;
-    QList<ByteArray> loadCaCertificates(QDir dir) const;
-    QList<MultiCertificate> loadUserCertificates(QDir dir) const;
+    QList<ByteArray> loadCaCertificates(QDir dir, FileCache& used) const;
+    QList<MultiCertificate> loadUserCertificates(QDir dir, FileCache& used) const;
     void deleteCaCertificate(const QDir& dir, const ByteArray_constSlice& der, QList<ByteArray>& cached);
     const Configuration& configuration() const;
 
     Configuration* config_;
+    FileCache fileCache_;
 };

@@ -24,7 +24,26 @@ struct FileDescriptor {
     }
 };
 
+FileIdentity identityOf(const struct stat& info)
+{
+    FileIdentity identity;
+    identity.device = uint64_t(info.st_dev);
+    identity.inode = uint64_t(info.st_ino);
+    identity.size = int64_t(info.st_size);
+    identity.modifiedNs = int64_t(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
+    identity.changedNs = int64_t(info.st_ctim.tv_sec) * 1000000000 + info.st_ctim.tv_nsec;
+    return identity;
+}
+
 }  // namespace
+
+bool FileUtil::fileIdentity(const QString& path, FileIdentity* identity)
+{
+    struct stat info;
+    if (::stat(QFile::encodeName(path).constData(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
+    *identity = identityOf(info);
+    return true;
+}
 
 QStringList FileUtil::getFilesInDirectory(const QDir& dir, const QString& pattern)
 {
@@ -37,6 +56,11 @@ QStringList FileUtil::getFilesInDirectory(const QDir& dir, const QString& patter
 }
 
 ByteArray FileUtil::readFileIntoByteArray(const QString& path)
+{
+    return readFileIntoByteArray(path, nullptr);
+}
+
+ByteArray FileUtil::readFileIntoByteArray(const QString& path, FileIdentity* identity)
 {
     fileLogger->Trace(__LINE__, QStringLiteral("%0 enter").arg(QLatin1String(__func__)));
     // Opened without blocking and checked to be a regular file, so that a FIFO
@@ -51,6 +75,7 @@ ByteArray FileUtil::readFileIntoByteArray(const QString& path)
         fileLogger->Error(__LINE__, message);
         throw std::runtime_error(message);
     }
+    if (identity) *identity = identityOf(info);
     const QByteArray bytes = file.readAll();
     return ByteArray(reinterpret_cast<const uint8_t*>(bytes.constData()), size_t(bytes.size()));
 }

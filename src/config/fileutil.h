@@ -1,11 +1,31 @@
 #pragma once
 // Whole-file reads and writes and directory listings for the certificate store.
 
+#include <cstdint>
+
 #include <QDir>
 #include <QString>
 #include <QStringList>
 
 #include "deps/cpp_modules/ByteArray.h"
+
+// What tells one version of a file from another without reading it: the
+// device and inode, the size, and the modification and change times to the
+// nanosecond. Any write or replacement of the file changes at least one.
+struct FileIdentity {
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    int64_t size = -1;
+    int64_t modifiedNs = 0;
+    int64_t changedNs = 0;
+
+    bool operator==(const FileIdentity& other) const
+    {
+        return device == other.device && inode == other.inode && size == other.size &&
+               modifiedNs == other.modifiedNs && changedNs == other.changedNs;
+    }
+    bool operator!=(const FileIdentity& other) const { return !(*this == other); }
+};
 
 class FileUtil {
 public:
@@ -18,6 +38,12 @@ public:
     // All bytes of the file. Throws std::runtime_error "Unable to open file
     // for reading!" when it cannot be opened or is no regular file.
     static ByteArray readFileIntoByteArray(const QString& path);
+    // The same, also giving the identity of the file that was read (taken
+    // before reading, so a write during the read shows at the next look).
+    static ByteArray readFileIntoByteArray(const QString& path, FileIdentity* identity);
+    // The identity of the regular file at path now; false when there is no
+    // such regular file.
+    static bool fileIdentity(const QString& path, FileIdentity* identity);
 
     // Replaces the file's content with data. The new content goes to a
     // temporary file beside it that is renamed over the old one, so a failed

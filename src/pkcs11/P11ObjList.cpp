@@ -1,6 +1,9 @@
 #include "pkcs11/P11ObjList.h"
 
+#include <cstring>
 #include <new>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "pkcs11/objects/P11Obj.h"
@@ -12,10 +15,16 @@ struct P11ObjListEntry {
     uint32_t mark;
 };
 
+// Identity of an object for add-or-replace: its class record and its CKA_ID
+// bytes, as one string.
+typedef std::string P11ObjIdentity;
+typedef std::unordered_map<P11ObjIdentity, P11ObjListEntry*> P11ObjIdentityIndex;
+
 struct P11ObjList {
     P11ObjListEntry sentinel;
     CK_ULONG count;
     CK_BBOOL changed;
+    P11ObjIdentityIndex* index;  // only where add-or-replace is used
 };
 
 struct P11FindContext {
@@ -44,8 +53,34 @@ P11ObjListEntry* findEntry(P11ObjList* list, P11Obj* object)
     return nullptr;
 }
 
+P11ObjIdentity identityOf(const P11ObjClass* clazz, const CK_BYTE* id, CK_ULONG idLen)
+{
+    P11ObjIdentity key(reinterpret_cast<const char*>(&clazz), sizeof clazz);
+    key.append(reinterpret_cast<const char*>(id), idLen);
+    return key;
+}
+
+// False when the object has no CKA_ID: such objects are never the same.
+bool identityOfObject(P11Obj* object, P11ObjIdentity* key)
+{
+    const CK_ATTRIBUTE* id = nullptr;
+    if (P11Obj_peekAttribute(object, CKA_ID, &id) != CKR_OK || !id) return false;
+    *key = identityOf(object->clazz, static_cast<const CK_BYTE*>(id->pValue), id->ulValueLen);
+    return true;
+}
+
+void unindex(P11ObjList* list, P11ObjListEntry* entry)
+{
+    if (!list->index) return;
+    P11ObjIdentity key;
+    if (!identityOfObject(entry->object, &key)) return;
+    const auto found = list->index->find(key);
+    if (found != list->index->end() && found->second == entry) list->index->erase(found);
+}
+
 void unlink(P11ObjList* list, P11ObjListEntry* entry)
 {
+    unindex(list, entry);
     entry->prev->next = entry->next;
     entry->next->prev = entry->prev;
     delete entry;
@@ -57,6 +92,16 @@ CK_RV append(P11ObjList* list, P11Obj* object, P11ObjListEntry** added = nullptr
 {
     P11ObjListEntry* entry = new (std::nothrow) P11ObjListEntry{&list->sentinel, list->sentinel.prev, object, 0};
     if (!entry) return CKR_HOST_MEMORY;
+    if (list->index) {
+        // The first object of an identity is the one a walk would find.
+        P11ObjIdentity key;
+        try {
+            if (identityOfObject(object, &key)) list->index->emplace(std::move(key), entry);
+        } catch (const std::bad_alloc&) {
+            delete entry;
+            return CKR_HOST_MEMORY;
+        }
+    }
     list->sentinel.prev->next = entry;
     list->sentinel.prev = entry;
     ++list->count;
@@ -64,6 +109,9 @@ CK_RV append(P11ObjList* list, P11Obj* object, P11ObjListEntry** added = nullptr
     if (added) *added = entry;
     return CKR_OK;
 }
+
+// The existing entry of the object's identity, by index or by walking.
+CK_RV findSame(P11ObjList* list, P11Obj* object, P11ObjListEntry** same);
 
 // Same class implementation and the same CKA_ID bytes; objects without
 // CKA_ID are never the same.
@@ -85,6 +133,32 @@ CK_RV sameIdentity(P11Obj* a, P11Obj* b, bool* same)
     return CKR_OK;
 }
 
+CK_RV findSame(P11ObjList* list, P11Obj* object, P11ObjListEntry** same)
+{
+    *same = nullptr;
+    if (list->index) {
+        P11ObjIdentity key;
+        try {
+            if (!identityOfObject(object, &key)) return CKR_OK;
+            const auto found = list->index->find(key);
+            if (found != list->index->end()) *same = found->second;
+        } catch (const std::bad_alloc&) {
+            return CKR_HOST_MEMORY;
+        }
+        return CKR_OK;
+    }
+    for (P11ObjListEntry* e = first(list); e; e = after(list, e)) {
+        bool isSame = false;
+        const CK_RV rv = sameIdentity(e->object, object, &isSame);
+        if (rv != CKR_OK) return rv;
+        if (isSame) {
+            *same = e;
+            return CKR_OK;
+        }
+    }
+    return CKR_OK;
+}
+
 }  // namespace
 
 CK_RV P11ObjList_construct(P11ObjList** list)
@@ -96,6 +170,7 @@ CK_RV P11ObjList_construct(P11ObjList** list)
     l->sentinel.mark = 0;
     l->count = 0;
     l->changed = CK_FALSE;
+    l->index = nullptr;
     *list = l;
     return CKR_OK;
 }
@@ -104,6 +179,7 @@ CK_RV P11ObjList_destruct(P11ObjList** list)
 {
     if (!list || !*list) return CKR_OK;
     while (P11ObjListEntry* e = first(*list)) unlink(*list, e);
+    delete (*list)->index;
     delete *list;
     *list = nullptr;
     return CKR_OK;
@@ -193,25 +269,74 @@ CK_RV P11ObjList_clearMarks(P11ObjList* list)
 CK_RV P11ObjList_addOrReplaceAndMark(P11ObjList* list, P11Obj* object, CK_BBOOL* added)
 {
     list->changed = CK_TRUE;
-    for (P11ObjListEntry* e = first(list); e; e = after(list, e)) {
-        bool same = false;
-        CK_RV rv = sameIdentity(e->object, object, &same);
-        if (rv != CKR_OK) return rv;
-        if (!same) continue;
+    P11ObjListEntry* same = nullptr;
+    CK_RV rv = findSame(list, object, &same);
+    if (rv != CKR_OK) return rv;
+    if (same) {
         // The existing object takes the new content and keeps its handle.
-        rv = e->object->clazz->copy(object, e->object);
+        // Its lock keeps out a session that is using it right now.
+        P11LockRecord record = nullptr;
+        rv = P11Obj_lock(same->object, &record);
+        if (rv != CKR_OK) return rv;
+        rv = same->object->clazz->copy(object, same->object);
+        const CK_RV unlockRv = P11Obj_unlock(same->object, &record);
+        if (rv == CKR_OK) rv = unlockRv;
         if (rv != CKR_OK) return rv;
         rv = P11Obj_destruct(&object);
         if (rv != CKR_OK) return rv;
-        e->mark = 1;
+        same->mark = 1;
         *added = CK_FALSE;
         return CKR_OK;
     }
     P11ObjListEntry* entry = nullptr;
-    const CK_RV rv = append(list, object, &entry);
+    rv = append(list, object, &entry);
     if (rv != CKR_OK) return rv;
     entry->mark = 1;
     *added = CK_TRUE;
+    return CKR_OK;
+}
+
+CK_RV P11ObjList_enableIdentityIndex(P11ObjList* list)
+{
+    if (list->index) return CKR_OK;
+    P11ObjIdentityIndex* index = new (std::nothrow) P11ObjIdentityIndex;
+    if (!index) return CKR_HOST_MEMORY;
+    try {
+        for (P11ObjListEntry* e = first(list); e; e = after(list, e)) {
+            P11ObjIdentity key;
+            if (identityOfObject(e->object, &key)) index->emplace(std::move(key), e);
+        }
+    } catch (const std::bad_alloc&) {
+        delete index;
+        return CKR_HOST_MEMORY;
+    }
+    list->index = index;
+    return CKR_OK;
+}
+
+CK_RV P11ObjList_markIdentity(P11ObjList* list, const P11ObjClass* clazz, const CK_BYTE* id, CK_ULONG idLen,
+                              P11Obj** object)
+{
+    *object = nullptr;
+    P11ObjListEntry* found = nullptr;
+    try {
+        const P11ObjIdentity key = identityOf(clazz, id, idLen);
+        if (list->index) {
+            const auto hit = list->index->find(key);
+            if (hit != list->index->end()) found = hit->second;
+        } else {
+            for (P11ObjListEntry* e = first(list); e && !found; e = after(list, e)) {
+                P11ObjIdentity other;
+                if (identityOfObject(e->object, &other) && other == key) found = e;
+            }
+        }
+    } catch (const std::bad_alloc&) {
+        return CKR_HOST_MEMORY;
+    }
+    if (found) {
+        found->mark = 1;
+        *object = found->object;
+    }
     return CKR_OK;
 }
 

@@ -17,6 +17,7 @@
 #include "pkcs11/cryptoki.h"
 
 struct P11Obj;
+struct P11ObjClass;
 struct P11ObjListEntry;
 struct P11ObjList;
 
@@ -44,6 +45,14 @@ CK_RV P11ObjList_findObjects(P11ObjList* list, P11FindContext* context);
 CK_RV P11ObjList_clearMarks(P11ObjList* list);
 CK_RV P11ObjList_addOrReplaceAndMark(P11ObjList* list, P11Obj* object, CK_BBOOL* added);
 CK_RV P11ObjList_popUnmarkedObject(P11ObjList* list, P11ObjListCursor* cursor, P11Obj** object);
+// Keeps an index on (class, CKA_ID) from now on, so that add-or-replace and
+// markIdentity find an object's earlier self without walking the list. The
+// objects' CKA_ID must not change while they are in the list.
+CK_RV P11ObjList_enableIdentityIndex(P11ObjList* list);
+// Marks the object of that class and CKA_ID, if the list holds one, and
+// gives it back (null otherwise).
+CK_RV P11ObjList_markIdentity(P11ObjList* list, const P11ObjClass* clazz, const CK_BYTE* id, CK_ULONG idLen,
+                              P11Obj** object);
 
 // Merges a list of freshly loaded objects into this one: existing objects
 // equal to a new one are kept (the new one destroyed), existing objects with

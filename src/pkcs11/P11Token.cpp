@@ -495,11 +495,14 @@ CK_RV P11Token_findObjects(P11Token* token, P11FindContext* context)
 CK_RV P11Token_forgetKey(P11Token* token, P11Obj* key)
 {
     TokenLock lock(token, P11Token_lock, P11Token_unlock);
-    CK_RV rv = lock.lock();
+    const CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
-    rv = forEachSession(token, [&](P11Session* session) { return P11Session_forgetKey(session, key); });
-    if (rv != CKR_OK) return lock.release(rv);
-    return lock.release(CKR_OK);
+    return lock.release(P11Token_forgetKey_locked(token, key));
+}
+
+CK_RV P11Token_forgetKey_locked(P11Token* token, P11Obj* key)
+{
+    return forEachSession(token, [&](P11Session* session) { return P11Session_forgetKey(session, key); });
 }
 
 CK_RV P11Token_addObject(P11Token* token, P11Obj* object)

@@ -72,6 +72,8 @@ CK_RV P11Token_findObjects(P11Token* token, P11FindContext* context);
 // Ends every session's operation that runs with the given key, before the
 // key object goes away.
 CK_RV P11Token_forgetKey(P11Token* token, P11Obj* key);
+// The same, for a caller that holds the token mutex (the object refresh).
+CK_RV P11Token_forgetKey_locked(P11Token* token, P11Obj* key);
 CK_RV P11Token_addObject(P11Token* token, P11Obj* object);
 CK_RV P11Token_removeObject(P11Token* token, P11Obj* object);
 CK_RV P11Token_storeObject(P11Token* token, P11Obj* object);

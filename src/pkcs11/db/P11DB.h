@@ -13,11 +13,16 @@ struct P11ObjList;
 struct P11FindContext;
 struct P11Obj;
 
+struct P11DB_Sources;
+
 struct P11DB {
     P11Token* token;
     P11ObjList* objects;
     CK_BYTE status[2];
     uint64_t counters[3];
+    // What each token object was last built from, so that a refresh reuses
+    // the objects of unchanged certificates instead of building them anew.
+    P11DB_Sources* sources;
 };
 
 CK_RV P11DB_Initialize(P11DB** db, P11Token* token, const char* path);
@@ -45,5 +50,15 @@ CK_RV P11DB_lockDB(P11DB* db, P11LockRecord* record);
 CK_RV P11DB_unlockDB(P11DB* db, P11LockRecord* record);
 CK_RV P11DB_lock(P11DB* db, P11LockRecord* record);
 CK_RV P11DB_unlock(P11DB* db, P11LockRecord* record);
-// Brings the token objects up to date, then offers them to the search.
+// Brings the token objects up to date with the certificate files, then
+// offers them to the search. Per user certificate there are a private key,
+// a certificate and a public key, per intermediate CA certificate a
+// certificate, per root CA certificate a certificate and a trust object.
+// An object already in the list with the same class and CKA_ID keeps its
+// handle (and takes the new content); objects whose file is gone are
+// destroyed, ending any operation that uses them. An object is built only
+// when its certificate bytes (and, for a key, its owner) differ from what
+// it was built from last time. A certificate that cannot be made into its
+// objects fails the search with CKR_FUNCTION_FAILED (CKR_HOST_MEMORY for
+// memory); what was registered before stays and nothing is pruned then.
 CK_RV P11DB_FindObjects(P11DB* db, P11FindContext* context);
