@@ -81,6 +81,7 @@ public:
             rv = P11Token_getNewObjectHandle(db_->token, &handle);
             if (rv != CKR_OK) return rv;
             P11Obj_setHandle(object, handle);
+            object->token = db_->token;  // a token object: the token refuses changes to it
         }
         sources_[key] = P11DB_Source{*certificate.der, owner};
         return CKR_OK;

@@ -29,5 +29,5 @@ CK_RV P11Obj_NetscapeTrust_loadAttributes(P11AttrObj* store, const unsigned char
 // CKA_TRUST_* values of the trust objects.
 enum : CK_ULONG {
     TAVIK_TRUSTED_DELEGATOR = 0xCE534352ul,
-    TAVIK_NOT_TRUSTED = 0xCE534353ul,
+    TAVIK_UNTRUSTED = 0xCE534353ul,
 };
