@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -292,4 +293,33 @@ TEST(MultiCertificateTest, HashIsTheSha256OfTheBytesAndTheNameIsKept)
     EXPECT_EQ(MultiCertificate(abc).getUserName(), "");
     EXPECT_EQ(MultiCertificate("alice", abc).getUserName(), "alice");
     EXPECT_EQ(MultiCertificate("alice", abc).asByteArray(), abc);
+}
+
+TEST_F(CertificateStoreTest, ReloadSeesEveryRewriteEvenWithTheOldSizeAndModificationTime)
+{
+    const QString path = made(rootDir()) + "/r.cer";
+    ByteArray first = certs().user[0];
+    writeBytes(path, first);
+    store->loadClientCertificates();
+    ASSERT_EQ(store->rootCaCertificates().size(), 1);
+    EXPECT_EQ(store->rootCaCertificates()[0], first);
+
+    // Same size, and the old modification time put back: only the change
+    // time tells, and the new bytes must be seen.
+    struct stat before;
+    ASSERT_EQ(::stat(QFile::encodeName(path).constData(), &before), 0);
+    ByteArray second = first;
+    second[second.size() - 1] ^= 0xFF;
+    usleep(20000);
+    writeBytes(path, second);
+    const struct timespec times[2] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times, 0), 0);
+    store->loadClientCertificates();
+    EXPECT_EQ(store->rootCaCertificates()[0], second);
+
+    // A file replaced by another with the same bytes is still one entry.
+    QFile::remove(path);
+    writeBytes(path, second);
+    store->loadClientCertificates();
+    EXPECT_EQ(store->rootCaCertificates().size(), 1);
 }

@@ -1,6 +1,7 @@
 // The refresh of an object list with marks, as the certificate token runs it:
 // an object with the same class and CKA_ID takes the new content and keeps
 // its handle, anything else is appended, and what stays unmarked is popped.
+// Every case runs with and without the (class, CKA_ID) index.
 
 #include <string>
 #include <vector>
@@ -14,12 +15,16 @@ namespace {
 
 using Labels = std::vector<std::string>;
 
-class ObjListRefresh : public testing::Test {
+class ObjListRefresh : public testing::TestWithParam<bool> {
 protected:
     P11ObjList* list = nullptr;
     std::vector<P11Obj*> outside;  // objects no list holds, destroyed at the end
 
-    void SetUp() override { ASSERT_EQ(P11ObjList_construct(&list), CKR_OK); }
+    void SetUp() override
+    {
+        ASSERT_EQ(P11ObjList_construct(&list), CKR_OK);
+        if (GetParam()) ASSERT_EQ(P11ObjList_enableIdentityIndex(list), CKR_OK);
+    }
     void TearDown() override
     {
         for (P11Obj*& object : outside) EXPECT_EQ(P11Obj_destruct(&object), CKR_OK);
@@ -66,7 +71,7 @@ protected:
 
 }  // namespace
 
-TEST_F(ObjListRefresh, SameClassAndIdIsReplacedInPlaceKeepingItsHandle)
+TEST_P(ObjListRefresh, SameClassAndIdIsReplacedInPlaceKeepingItsHandle)
 {
     P11Obj* kept = object("id-1", "old", 7);
     EXPECT_TRUE(refresh(kept));  // the empty list takes it
@@ -77,7 +82,7 @@ TEST_F(ObjListRefresh, SameClassAndIdIsReplacedInPlaceKeepingItsHandle)
     EXPECT_EQ(P11Obj_getHandle(kept), 7u);
 }
 
-TEST_F(ObjListRefresh, ObjectsWithoutIdOrOfAnotherClassNeverMatch)
+TEST_P(ObjListRefresh, ObjectsWithoutIdOrOfAnotherClassNeverMatch)
 {
     // Another class implementation: the software class's operations under a record of its own.
     P11ObjClass otherClass = *P11SWObj_GetClass();
@@ -93,7 +98,7 @@ TEST_F(ObjListRefresh, ObjectsWithoutIdOrOfAnotherClassNeverMatch)
     EXPECT_EQ(P11ObjList_destroyAllObjects(list), CKR_OK);  // while otherClass lives
 }
 
-TEST_F(ObjListRefresh, UnmarkedObjectsArePoppedInListOrder)
+TEST_P(ObjListRefresh, UnmarkedObjectsArePoppedInListOrder)
 {
     for (const char* id : {"a", "b", "c", "d"}) ASSERT_EQ(P11ObjList_add(list, object(id, id)), CKR_OK);
     // A reload that still finds b and brings e.
@@ -109,9 +114,13 @@ TEST_F(ObjListRefresh, UnmarkedObjectsArePoppedInListOrder)
     }
     EXPECT_EQ(popped, Labels({"a", "c", "d"}));
     EXPECT_EQ(labels(), Labels({"b reloaded", "e"}));
+    // A popped identity is gone for good: its return is a new object.
+    EXPECT_TRUE(refresh(object("a", "a again")));
+    EXPECT_FALSE(refresh(object("e", "e reloaded")));
+    EXPECT_EQ(labels(), Labels({"b reloaded", "e reloaded", "a again"}));
 }
 
-TEST_F(ObjListRefresh, RemovingAnObjectTheListDoesNotHoldIsAGeneralError)
+TEST_P(ObjListRefresh, RemovingAnObjectTheListDoesNotHoldIsAGeneralError)
 {
     outside = {object("a", "held"), object("a", "stranger")};
     ASSERT_EQ(P11ObjList_add(list, outside[0]), CKR_OK);
@@ -119,3 +128,6 @@ TEST_F(ObjListRefresh, RemovingAnObjectTheListDoesNotHoldIsAGeneralError)
     EXPECT_EQ(P11ObjList_remove(list, outside[0]), CKR_OK);
     EXPECT_EQ(P11ObjList_remove(list, outside[0]), CKR_GENERAL_ERROR);
 }
+
+INSTANTIATE_TEST_SUITE_P(WalkAndIndex, ObjListRefresh, testing::Values(false, true),
+                         [](const testing::TestParamInfo<bool>& info) { return info.param ? "Indexed" : "Walked"; });
