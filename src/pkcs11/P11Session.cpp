@@ -391,12 +391,8 @@ CK_RV P11Session_findObjectsInit(P11Session* session, CK_ATTRIBUTE_PTR attribute
     }
     // The session mutex is released first: the token takes its own mutex and
     // then every session's in turn.
-    const CK_RV rv = P11Token_findObjects(session->token, context);
-    if (rv == CKR_OK) return rv;
-    // A search that could not collect its results is not running.
-    SessionLock lock(session);
-    if (lock.lock() == CKR_OK && session->findContext == context) endOperation(session);
-    return lock.release(rv);
+    // A failure here leaves the search active: C_FindObjectsFinal ends it.
+    return P11Token_findObjects(session->token, context);
 }
 
 CK_RV P11Session_doFindObjects(P11Session* session, P11FindContext* context)

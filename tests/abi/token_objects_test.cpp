@@ -170,10 +170,12 @@ TEST_F(TokenObjects, CertificateThatCannotBeMadeIntoObjectsFailsTheSearchUntilIt
     const std::string bad = userFile("hans", dsa);
     writeFile(bad, dsa);
     EXPECT_EQ(p->C_FindObjectsInit(session, nullptr, 0), CKR_FUNCTION_FAILED);
+    EXPECT_EQ(p->C_FindObjectsFinal(session), CKR_OK);  // the failed search stays active until ended
     // Bytes that are no certificate at all, likewise.
     std::filesystem::remove(bad);
     writeFile(userFile("junk", Bytes{0x30, 0x03, 0x02, 0x01, 0x01}), Bytes{0x30, 0x03, 0x02, 0x01, 0x01});
     EXPECT_EQ(p->C_FindObjectsInit(session, nullptr, 0), CKR_FUNCTION_FAILED);
+    EXPECT_EQ(p->C_FindObjectsFinal(session), CKR_OK);
     std::filesystem::remove(userFile("junk", Bytes{0x30, 0x03, 0x02, 0x01, 0x01}));
     EXPECT_EQ(find(), before);
 }

@@ -87,7 +87,7 @@ public:
         return CKR_OK;
     }
 
-    // Destroys what no file stands for any more.
+    // Takes out what no file stands for any more.
     CK_RV prune()
     {
         P11ObjListCursor cursor = nullptr;
@@ -101,8 +101,11 @@ public:
                 sources_.erase(identityKey(gone->clazz, static_cast<const CK_BYTE*>(id->pValue), id->ulValueLen));
             // No session may go on signing or decrypting with it.
             rv = P11Token_forgetKey_locked(db_->token, gone);
-            if (rv == CKR_OK) rv = P11Obj_destruct(&gone);
-            if (rv != CKR_OK) return rv;
+            if (rv == CKR_OK) rv = P11ObjList_add(db_->retired, gone);
+            if (rv != CKR_OK) {
+                P11Obj_destruct(&gone);
+                return rv;
+            }
         }
     }
 
@@ -182,7 +185,7 @@ CK_RV refreshObjects(P11DB* db)
 
 CK_RV P11DB_Initialize(P11DB** db, P11Token* token, const char*)
 {
-    P11DB* d = new (std::nothrow) P11DB{token, nullptr, {0, 0}, {0, 0, 0}, nullptr};
+    P11DB* d = new (std::nothrow) P11DB{token, nullptr, {0, 0}, {0, 0, 0}, nullptr, nullptr};
     if (!d) return CKR_HOST_MEMORY;
     d->sources = new (std::nothrow) P11DB_Sources;
     if (!d->sources) {
@@ -191,8 +194,10 @@ CK_RV P11DB_Initialize(P11DB** db, P11Token* token, const char*)
     }
     CK_RV rv = P11ObjList_construct(&d->objects);
     if (rv == CKR_OK) rv = P11ObjList_enableIdentityIndex(d->objects);
+    if (rv == CKR_OK) rv = P11ObjList_construct(&d->retired);
     if (rv != CKR_OK) {
         P11ObjList_destruct(&d->objects);
+        P11ObjList_destruct(&d->retired);
         delete d->sources;
         delete d;
         return rv;
@@ -205,8 +210,11 @@ CK_RV P11DB_Finalize(P11DB* db)
 {
     // Nothing is stored anywhere; only the mirrored objects are let go.
     if (!db) return CKR_OK;
-    const CK_RV rv = P11ObjList_destroyAllObjects(db->objects);
+    CK_RV rv = P11ObjList_destroyAllObjects(db->objects);
+    const CK_RV retiredRv = P11ObjList_destroyAllObjects(db->retired);
+    if (rv == CKR_OK) rv = retiredRv;
     P11ObjList_destruct(&db->objects);
+    P11ObjList_destruct(&db->retired);
     delete db->sources;
     delete db;
     return rv;

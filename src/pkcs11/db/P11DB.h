@@ -23,6 +23,10 @@ struct P11DB {
     // What each token object was last built from, so that a refresh reuses
     // the objects of unchanged certificates instead of building them anew.
     P11DB_Sources* sources;
+    // Objects whose file went away. No handle reaches them any more, but a
+    // call in another session that looked one up just before it went may
+    // still hold its address: they are freed when the token finalises.
+    P11ObjList* retired;
 };
 
 CK_RV P11DB_Initialize(P11DB** db, P11Token* token, const char* path);
@@ -55,8 +59,8 @@ CK_RV P11DB_unlock(P11DB* db, P11LockRecord* record);
 // a certificate and a public key, per intermediate CA certificate a
 // certificate, per root CA certificate a certificate and a trust object.
 // An object already in the list with the same class and CKA_ID keeps its
-// handle (and takes the new content); objects whose file is gone are
-// destroyed, ending any operation that uses them. An object is built only
+// handle (and takes the new content); objects whose file is gone leave the
+// list, ending any operation that uses them. An object is built only
 // when its certificate bytes (and, for a key, its owner) differ from what
 // it was built from last time. A certificate that cannot be made into its
 // objects fails the search with CKR_FUNCTION_FAILED (CKR_HOST_MEMORY for
