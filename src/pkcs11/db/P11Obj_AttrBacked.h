@@ -70,6 +70,23 @@ struct P11AttrWriter {
         flag(CKA_PRIVATE, false);
         flag(CKA_MODIFIABLE, false);
     }
+    // The attributes both RSA keys of a user certificate begin with, up to
+    // and including CKA_SENSITIVE (true for both).
+    template <typename Bytes>
+    void certificateKeyHead(CK_OBJECT_CLASS objectClass, const Bytes& label, const Bytes& id, const Bytes& subject) const
+    {
+        tokenObjectHead(objectClass);
+        bytes(CKA_LABEL, label);
+        ulong(CKA_KEY_TYPE, CKK_RSA);
+        bytes(CKA_ID, id);
+        empty(CKA_START_DATE);
+        empty(CKA_END_DATE);
+        flag(CKA_DERIVE, false);
+        flag(CKA_LOCAL, false);
+        ulong(CKA_KEY_GEN_MECHANISM, CK_UNAVAILABLE_INFORMATION);
+        bytes(CKA_SUBJECT, subject);
+        flag(CKA_SENSITIVE, true);
+    }
 };
 
 // A writer into an attribute store.

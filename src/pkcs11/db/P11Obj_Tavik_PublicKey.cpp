@@ -20,18 +20,8 @@ CK_RV P11Obj_Tavik_PublicKey_load(P11Obj* object, const unsigned char* der, unsi
                                   return P11Obj_SW_setAttribute(static_cast<P11Obj*>(target), attribute);
                               },
                               object};
-        w.tokenObjectHead(CKO_PUBLIC_KEY);
-        w.bytes(CKA_LABEL, label);
-        w.ulong(CKA_KEY_TYPE, CKK_RSA);
-        w.bytes(CKA_ID, Sha256::Hash(certificate));
-        w.empty(CKA_START_DATE);
-        w.empty(CKA_END_DATE);
-        w.flag(CKA_DERIVE, false);
-        w.flag(CKA_LOCAL, false);
-        w.ulong(CKA_KEY_GEN_MECHANISM, CK_UNAVAILABLE_INFORMATION);
-        w.bytes(CKA_SUBJECT, subject);
-        // Set on the public key too, as the token has always done.
-        w.flag(CKA_SENSITIVE, true);
+        // CKA_SENSITIVE is set on the public key too, as the token has always done.
+        w.certificateKeyHead(CKO_PUBLIC_KEY, label, Sha256::Hash(certificate), subject);
         w.flag(CKA_ENCRYPT, true);
         w.flag(CKA_VERIFY, true);
         w.flag(CKA_VERIFY_RECOVER, true);

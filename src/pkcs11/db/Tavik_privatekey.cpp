@@ -42,17 +42,7 @@ void loadPrivateKey(P11AttrObj* store, const ByteArray_constSlice& der)
     const RsaPublicKey key = RsaPublicKey::FromRsaPublicKey(spkInfoToBitStringContent(publicKeyInfo));
 
     const P11AttrWriter w = P11AttrWriter_forStore(store);
-    w.tokenObjectHead(CKO_PRIVATE_KEY);
-    w.bytes(CKA_LABEL, label);
-    w.ulong(CKA_KEY_TYPE, CKK_RSA);
-    w.bytes(CKA_ID, Sha256::Hash(der));
-    w.empty(CKA_START_DATE);
-    w.empty(CKA_END_DATE);
-    w.flag(CKA_DERIVE, false);
-    w.flag(CKA_LOCAL, false);
-    w.ulong(CKA_KEY_GEN_MECHANISM, CK_UNAVAILABLE_INFORMATION);
-    w.bytes(CKA_SUBJECT, subject);
-    w.flag(CKA_SENSITIVE, true);
+    w.certificateKeyHead(CKO_PRIVATE_KEY, label, Sha256::Hash(der), subject);
     w.flag(CKA_DECRYPT, true);
     w.flag(CKA_SIGN, true);
     w.flag(CKA_SIGN_RECOVER, true);
@@ -88,6 +78,17 @@ CK_RV rawPrivateOperation(P11Session* session, P11Obj* key, CK_BYTE_PTR in, CK_U
 }
 
 // The size rules every signer applies before it does any work.
+bool answerSize(CK_ULONG k, CK_BYTE_PTR out, CK_ULONG_PTR outLen, CK_RV* rv);
+
+// The hash signers answer a size query or a short buffer before the hash is
+// finished, so the running hash survives both. True when *rv is the answer.
+bool answeredBeforeHashing(P11Obj* key, CK_BYTE_PTR out, CK_ULONG_PTR outLen, CK_ULONG* k, CK_RV* rv)
+{
+    const CK_BYTE* modulus = nullptr;
+    *rv = modulusOf(key, &modulus, k);
+    return *rv != CKR_OK || answerSize(*k, out, outLen, rv);
+}
+
 bool answerSize(CK_ULONG k, CK_BYTE_PTR out, CK_ULONG_PTR outLen, CK_RV* rv)
 {
     if (!out) {
@@ -220,12 +221,9 @@ CK_RV finishHash(hash_context** hash, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYT
 CK_RV signPkcs1Hashed(P11Obj* key, P11Session* session, P11OperationData_hashmech* record, CK_BYTE_PTR data,
                       CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen)
 {
-    const CK_BYTE* modulus = nullptr;
     CK_ULONG k = 0;
-    CK_RV rv = modulusOf(key, &modulus, &k);
-    if (rv != CKR_OK) return rv;
-    // Both answers come before the hash is finished, so it survives them.
-    if (answerSize(k, out, outLen, &rv)) return rv;
+    CK_RV rv = CKR_OK;
+    if (answeredBeforeHashing(key, out, outLen, &k, &rv)) return rv;
     const DigestInfoPrefix* prefix = nullptr;
     for (const DigestInfoPrefix& p : kPrefixes)
         if (p.hashId == record->hashId) prefix = &p;
@@ -272,11 +270,9 @@ CK_RV signPss(P11Obj* key, P11Session* session, const P11OperationData_RSA_PSS* 
 CK_RV signPssHashed(P11Obj* key, P11Session* session, P11OperationData_RSA_PSS* record, CK_BYTE_PTR data,
                     CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen)
 {
-    const CK_BYTE* modulus = nullptr;
     CK_ULONG k = 0;
-    CK_RV rv = modulusOf(key, &modulus, &k);
-    if (rv != CKR_OK) return rv;
-    if (answerSize(k, out, outLen, &rv)) return rv;
+    CK_RV rv = CKR_OK;
+    if (answeredBeforeHashing(key, out, outLen, &k, &rv)) return rv;
     CK_BYTE digest[HASH_MAX_DIGEST_LENGTH];
     rv = finishHash(&record->hash, data, dataLen, digest);
     if (rv != CKR_OK) return rv;
