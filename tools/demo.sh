@@ -1,13 +1,16 @@
 #!/usr/bin/env bash
 # Builds the module and shows what it does, in a sandbox home directory so the
-# real one is never touched.
+# real one is never touched: the module's exports and digests, then a small
+# certificate store (a root CA, an intermediate CA and one user certificate
+# with its key for the reference helper) seen through pkcs11-tool (objects, a
+# signature checked with openssl) and through an NSS database (certutil).
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 bash "$root/tools/install-deps.sh"
 
 build="$root/build"
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$build" -j"$(nproc)" --target Tavik_PKCS11 korvo_demo >/dev/null
+cmake --build "$build" -j"$(nproc)" --target Tavik_PKCS11 KorvoPerformRsa korvo_demo >/dev/null
 
 module="$build/src/libTavik_PKCS11.so.1"
 sandbox=$(mktemp -d /tmp/korvo-demo-XXXXXX)
@@ -65,5 +68,99 @@ if [ "$ours" = "$theirs" ]; then
   echo "SHA-256 through the module matches sha256sum"
 else
   echo "MISMATCH: SHA-256 through the module differs from sha256sum" >&2
+  exit 1
+fi
+
+# A certificate store in the sandbox home, laid out as the token reads it:
+# a root CA, an intermediate CA signed by the root and a user certificate
+# signed by the intermediate, raw DER under their SHA-256 names, and the
+# user's key where the reference helper looks for it. Every name is invented.
+echo
+echo "== A certificate store in the sandbox home =="
+certs="$sandbox/certs"
+store="$HOME/.korvo"
+mkdir -p "$certs" "$store/root_certificates" "$store/intermediate_certificates" "$store/user_certificates" "$store/keys"
+cat > "$certs/ext.cnf" <<'CNF'
+[root_ca]
+basicConstraints = critical,CA:TRUE
+keyUsage = critical,keyCertSign,cRLSign
+subjectKeyIdentifier = hash
+
+[intermediate_ca]
+basicConstraints = critical,CA:TRUE,pathlen:0
+keyUsage = critical,keyCertSign,cRLSign
+subjectKeyIdentifier = hash
+authorityKeyIdentifier = keyid
+
+[user]
+basicConstraints = critical,CA:FALSE
+keyUsage = critical,digitalSignature,nonRepudiation,keyEncipherment
+subjectKeyIdentifier = hash
+authorityKeyIdentifier = keyid
+certificatePolicies = 1.2.208.169.1.1.1.1
+CNF
+# make_cert NAME SERIAL EXTENSIONS SUBJECT ISSUER ("self" for the root)
+make_cert() {
+  local name=$1 serial=$2 ext=$3 subject=$4 issuer=$5
+  local signer=(-CA "$certs/$issuer.pem" -CAkey "$certs/$issuer.key.pem")
+  [ "$issuer" != self ] || signer=(-signkey "$certs/$name.key.pem")
+  {
+    openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out "$certs/$name.key.pem" &&
+    openssl req -new -key "$certs/$name.key.pem" -subj "$subject" -out "$certs/$name.csr" &&
+    openssl x509 -req -in "$certs/$name.csr" "${signer[@]}" -set_serial "$serial" -days 3650 -sha256 \
+      -extfile "$certs/ext.cnf" -extensions "$ext" -out "$certs/$name.pem" &&
+    openssl x509 -in "$certs/$name.pem" -outform DER -out "$certs/$name.der"
+  } 2>"$certs/openssl.log" || { cat "$certs/openssl.log" >&2; echo "making the $name certificate failed" >&2; exit 1; }
+}
+make_cert root 1 root_ca "/C=XX/O=Korvo Invented Demo Data/CN=Korvo Demo Root CA" self
+make_cert intermediate 2 intermediate_ca "/C=XX/O=Korvo Invented Demo Data/CN=Korvo Demo Intermediate CA" root
+make_cert alice 4097 user "/C=XX/O=Invented Org/CN=Alice Invented" intermediate
+sha() { sha256sum "$1" | cut -d' ' -f1; }
+user_id=$(sha "$certs/alice.der")
+cp "$certs/root.der" "$store/root_certificates/$(sha "$certs/root.der").cer"
+cp "$certs/intermediate.der" "$store/intermediate_certificates/$(sha "$certs/intermediate.der").cer"
+cp "$certs/alice.der" "$store/user_certificates/alice_$user_id.cer"
+cp "$certs/alice.key.pem" "$store/keys/$user_id.pem"
+(cd "$HOME" && find .korvo -type f | sort | sed 's/^/  ~\//')
+
+echo
+echo "== The token's objects =="
+p11 -O
+echo "(pkcs11-tool names the root CA's NSS trust object, class CKO_NSS_TRUST = 0xCE534353 = 3461563219, by number only)"
+
+# A signature made by the helper beside the module (KorvoPerformRsa), checked
+# by openssl against the public key of the user's certificate.
+echo
+echo "== A signature through the token, checked with openssl =="
+signature="$sandbox/sample.sig"
+p11 --sign -m SHA256-RSA-PKCS --id "$user_id" -i "$sample" -o "$signature"
+openssl x509 -inform DER -in "$certs/alice.der" -pubkey -noout > "$certs/alice.pub.pem"
+echo
+echo "\$ openssl dgst -sha256 -verify alice.pub.pem -signature sample.sig sample.txt"
+if openssl dgst -sha256 -verify "$certs/alice.pub.pem" -signature "$signature" "$sample"; then
+  echo "The SHA256-RSA-PKCS signature made through the module verifies against the certificate's public key"
+else
+  echo "MISMATCH: the signature made through the module does not verify against the certificate" >&2
+  exit 1
+fi
+
+# The token as a browser sees it: a fresh NSS database with the module added.
+echo
+echo "== The token in an NSS database, as a browser sees it =="
+nssdb="$sandbox/nssdb"
+mkdir -p "$nssdb"
+certutil -N -d "sql:$nssdb" --empty-password
+echo "\$ modutil -dbdir sql:$nssdb -add \"Korvo token\" -libfile $module -force"
+modutil -dbdir "sql:$nssdb" -add "Korvo token" -libfile "$module" -force </dev/null
+echo
+echo "\$ certutil -L -h all -d sql:$nssdb"
+listing=$(certutil -L -h all -d "sql:$nssdb")
+echo "$listing"
+listed=$(echo "$listing" | grep -c '^Korvo central server:' || true)
+echo
+if [ "$listed" -eq 3 ]; then
+  echo "NSS lists the token's 3 certificates (root CA, intermediate CA, user)"
+else
+  echo "NSS lists $listed certificates of the token, not 3 (root CA, intermediate CA, user)" >&2
   exit 1
 fi

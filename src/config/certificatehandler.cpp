@@ -49,3 +49,13 @@ CertificateHandler* CertificateHandler::Instance(Configuration* config)
     fileLogger->Info(__LINE__, "On Linux/Max: Creating Certificate Handler");
     return new CertificateHandlerLinux(config);
 }
+
+QStringList CertificateHandler::folders() const
+{
+    return QStringList();
+}
+
+QStringList CertificateHandler::loadedFiles() const
+{
+    return QStringList();
+}

@@ -5,6 +5,7 @@
 // DER bytes throughout.
 
 #include <QList>
+#include <QStringList>
 
 #include "config/multicertificate.h"
 #include "deps/cpp_modules/ByteArray.h"
@@ -28,6 +29,11 @@ public:
     virtual void saveUserCertificate(const MultiCertificate& certificate, bool flag) = 0;
     virtual void saveIntermediateCaCertificate(const ByteArray_constSlice& der) = 0;
     virtual void saveRootCaCertificate(const ByteArray_constSlice& der) = 0;
+
+    // The folders a load reads (absolute paths), and the files the last
+    // load read; empty where a store has no such notion.
+    virtual QStringList folders() const;
+    virtual QStringList loadedFiles() const;
 
     const QList<ByteArray>& rootCaCertificates() const;
     const QList<ByteArray>& intermediateCaCertificates() const;

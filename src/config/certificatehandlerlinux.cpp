@@ -90,6 +90,17 @@ void CertificateHandlerLinux::loadClientCertificates()
     fileCache_.swap(used);
 }
 
+QStringList CertificateHandlerLinux::folders() const
+{
+    return QStringList{getUserCertificateDir().absolutePath(), getCaCertificateDir().absolutePath(),
+                       getRootCertificateDir().absolutePath()};
+}
+
+QStringList CertificateHandlerLinux::loadedFiles() const
+{
+    return fileCache_.keys();
+}
+
 ByteArray CertificateHandlerLinux::readCertificateFile(const QString& path, FileCache& used) const
 {
     FileIdentity now;

@@ -34,6 +34,9 @@ public:
     void saveUserCertificate(const MultiCertificate& certificate, bool flag) override;
     void saveIntermediateCaCertificate(const ByteArray_constSlice& der) override;
     void saveRootCaCertificate(const ByteArray_constSlice& der) override;
+    // User, intermediate and root folder, in the order a load reads them.
+    QStringList folders() const override;
+    QStringList loadedFiles() const override;
 
 private:
     // The bytes last read from each listed file, with the file's identity

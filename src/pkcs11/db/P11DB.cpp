@@ -7,7 +7,10 @@
 #include <unordered_map>
 #include <vector>
 
+#include <QFile>
+
 #include "config/certificatehandler.h"
+#include "config/folderwatch.h"
 #include "config/fileconfiguration.h"
 #include "crypto/crypto_errors.h"
 #include "crypto/hash.h"
@@ -130,6 +133,13 @@ CK_RV refreshObjects(P11DB* db)
     static FileConfiguration configuration;
     static const std::shared_ptr<CertificateHandler> store(CertificateHandler::Instance(&configuration));
 
+    std::vector<std::string> folders;
+    for (const QString& folder : store->folders()) folders.push_back(QFile::encodeName(folder).toStdString());
+    if (db->watch->unchanged(folders)) return CKR_OK;
+    // Armed before reading: a change made while the files are read is
+    // reported to the next search.
+    db->watch->arm(folders);
+
     store->loadClientCertificates();
     const QList<MultiCertificate> users = store->certificates();
     const QList<ByteArray> intermediates = store->intermediateCaCertificates();
@@ -178,17 +188,26 @@ CK_RV refreshObjects(P11DB* db)
             });
         if (rv != CKR_OK) return rv;
     }
-    return refresh.prune();
+    rv = refresh.prune();
+    if (rv != CKR_OK) return rv;
+    std::vector<std::string> files;
+    for (const QString& file : store->loadedFiles()) files.push_back(QFile::encodeName(file).toStdString());
+    db->watch->addFiles(files);
+    db->watch->confirm();
+    return CKR_OK;
 }
 
 }  // namespace
 
 CK_RV P11DB_Initialize(P11DB** db, P11Token* token, const char*)
 {
-    P11DB* d = new (std::nothrow) P11DB{token, nullptr, {0, 0}, {0, 0, 0}, nullptr, nullptr};
+    P11DB* d = new (std::nothrow) P11DB{token, nullptr, {0, 0}, {0, 0, 0}, nullptr, nullptr, nullptr};
     if (!d) return CKR_HOST_MEMORY;
     d->sources = new (std::nothrow) P11DB_Sources;
-    if (!d->sources) {
+    d->watch = new (std::nothrow) FolderWatch;
+    if (!d->sources || !d->watch) {
+        delete d->sources;
+        delete d->watch;
         delete d;
         return CKR_HOST_MEMORY;
     }
@@ -199,6 +218,7 @@ CK_RV P11DB_Initialize(P11DB** db, P11Token* token, const char*)
         P11ObjList_destruct(&d->objects);
         P11ObjList_destruct(&d->retired);
         delete d->sources;
+        delete d->watch;
         delete d;
         return rv;
     }
@@ -216,6 +236,7 @@ CK_RV P11DB_Finalize(P11DB* db)
     P11ObjList_destruct(&db->objects);
     P11ObjList_destruct(&db->retired);
     delete db->sources;
+    delete db->watch;
     delete db;
     return rv;
 }

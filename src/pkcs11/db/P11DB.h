@@ -14,6 +14,7 @@ struct P11FindContext;
 struct P11Obj;
 
 struct P11DB_Sources;
+class FolderWatch;
 
 struct P11DB {
     P11Token* token;
@@ -27,6 +28,9 @@ struct P11DB {
     // call in another session that looked one up just before it went may
     // still hold its address: they are freed when the token finalises.
     P11ObjList* retired;
+    // Tells when nothing in the certificate folders changed since the last
+    // complete refresh, so that a search can skip reading them.
+    FolderWatch* watch;
 };
 
 CK_RV P11DB_Initialize(P11DB** db, P11Token* token, const char* path);
@@ -62,7 +66,8 @@ CK_RV P11DB_unlock(P11DB* db, P11LockRecord* record);
 // handle (and takes the new content); objects whose file is gone leave the
 // list, ending any operation that uses them. An object is built only
 // when its certificate bytes (and, for a key, its owner) differ from what
-// it was built from last time. A certificate that cannot be made into its
+// it was built from last time, and the folders are not read at all while
+// the kernel reports no change in them since the last complete refresh. A certificate that cannot be made into its
 // objects fails the search with CKR_FUNCTION_FAILED (CKR_HOST_MEMORY for
 // memory); what was registered before stays and nothing is pruned then.
 CK_RV P11DB_FindObjects(P11DB* db, P11FindContext* context);
