@@ -1,5 +1,8 @@
 #include "certificates/certificateinformation.h"
 
+#include <cstring>
+#include <mutex>
+
 #include <QLocale>
 
 #include "Asn1/Asn1Reader.h"
@@ -15,6 +18,36 @@ X509Certificate parse(const unsigned char* der, size_t length)
     return X509Certificate::Parse(ByteArray_constSlice(der, length));
 }
 
+// What the token objects take from one certificate.
+struct Information {
+    ByteArray der;
+    ByteArray subject, issuer, serialNumber, publicKeyInfo, label;
+};
+
+// The token builds up to three objects from each certificate, one after
+// the other: the certificate last parsed is remembered, so it is parsed
+// (and its label formatted) once for all of them.
+Information informationOf(const unsigned char* der, size_t length)
+{
+    static std::mutex mutex;
+    static Information last;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (der && length && last.der.size() == length && std::memcmp(last.der.data(), der, length) == 0) return last;
+    }
+    const X509Certificate certificate = parse(der, length);
+    Information fresh;
+    fresh.der = ByteArray(der, length);
+    fresh.subject = certificate.getSubjectNameAsBlob();
+    fresh.issuer = certificate.getIssuerNameAsBlob();
+    fresh.serialNumber = certificate.encodedSerialNumber();
+    fresh.publicKeyInfo = certificate.getSubjectPublicKeyInfoAsBlob();
+    fresh.label = constructLabel(certificate);
+    std::lock_guard<std::mutex> guard(mutex);
+    last = fresh;
+    return fresh;
+}
+
 }  // namespace
 
 ByteArray constructLabel(const X509Certificate& certificate)
@@ -27,20 +60,20 @@ ByteArray constructLabel(const X509Certificate& certificate)
 void getCertificateInformation(const unsigned char* der, size_t length, ByteArray& subject, ByteArray& issuer,
                                ByteArray& serialNumber, ByteArray& label)
 {
-    X509Certificate certificate = parse(der, length);
-    subject = certificate.getSubjectNameAsBlob();
-    issuer = certificate.getIssuerNameAsBlob();
-    serialNumber = certificate.encodedSerialNumber();
-    label = constructLabel(certificate);
+    Information information = informationOf(der, length);
+    subject = std::move(information.subject);
+    issuer = std::move(information.issuer);
+    serialNumber = std::move(information.serialNumber);
+    label = std::move(information.label);
 }
 
 void getCertSubjectInformation(const unsigned char* der, size_t length, ByteArray& subject, ByteArray& publicKeyInfo,
                                ByteArray& label)
 {
-    X509Certificate certificate = parse(der, length);
-    subject = certificate.getSubjectNameAsBlob();
-    publicKeyInfo = certificate.getSubjectPublicKeyInfoAsBlob();
-    label = constructLabel(certificate);
+    Information information = informationOf(der, length);
+    subject = std::move(information.subject);
+    publicKeyInfo = std::move(information.publicKeyInfo);
+    label = std::move(information.label);
 }
 
 ByteArray_constSlice spkInfoToBitStringContent(const ByteArray_constSlice& info)

@@ -1,8 +1,9 @@
 #pragma once
-// What the certificate-backed token objects take from a certificate. Each
-// function parses the certificate anew and throws what X509Certificate::Parse
-// throws when the bytes are not a certificate; a null pointer throws
-// bad_parameter.
+// What the certificate-backed token objects take from a certificate. The
+// functions throw what X509Certificate::Parse throws when the bytes are not
+// a certificate; a null pointer throws bad_parameter. The last certificate
+// parsed is remembered, so asking again about the same bytes (the token
+// builds several objects from each certificate) does not parse them again.
 
 #include <cstddef>
 
