@@ -23,7 +23,9 @@ protected:
     void SetUp() override
     {
         ASSERT_EQ(P11ObjList_construct(&list), CKR_OK);
-        if (GetParam()) ASSERT_EQ(P11ObjList_enableIdentityIndex(list), CKR_OK);
+        if (GetParam()) {
+            ASSERT_EQ(P11ObjList_enableIdentityIndex(list), CKR_OK);
+        }
     }
     void TearDown() override
     {
@@ -118,6 +120,30 @@ TEST_P(ObjListRefresh, UnmarkedObjectsArePoppedInListOrder)
     EXPECT_TRUE(refresh(object("a", "a again")));
     EXPECT_FALSE(refresh(object("e", "e reloaded")));
     EXPECT_EQ(labels(), Labels({"b reloaded", "e reloaded", "a again"}));
+}
+
+TEST_P(ObjListRefresh, HandlesFindTheirObjectsAlsoWhenGivenAfterJoining)
+{
+    EXPECT_TRUE(refresh(object("a", "a", 1)));
+    P11Obj* b = object("b", "b");
+    EXPECT_TRUE(refresh(b));
+    P11Obj* found = nullptr;
+    EXPECT_EQ(P11ObjList_findObjectHandle(list, 1, &found), CKR_OK);
+    EXPECT_EQ(label(found), "a");
+    P11Obj_setHandle(b, 2);  // the handle comes after the object joined
+    EXPECT_EQ(P11ObjList_findObjectHandle(list, 2, &found), CKR_OK);
+    EXPECT_EQ(found, b);
+
+    ASSERT_EQ(P11ObjList_clearMarks(list), CKR_OK);
+    EXPECT_FALSE(refresh(object("b", "b again")));
+    P11ObjListCursor cursor = nullptr;
+    P11Obj* popped = nullptr;
+    ASSERT_EQ(P11ObjList_popUnmarkedObject(list, &cursor, &popped), CKR_OK);
+    outside.push_back(popped);
+    EXPECT_EQ(P11ObjList_findObjectHandle(list, 1, &found), CKR_OK);
+    EXPECT_EQ(found, nullptr) << "a popped object's handle leads nowhere";
+    EXPECT_EQ(P11ObjList_findObjectHandle(list, 2, &found), CKR_OK);
+    EXPECT_EQ(label(found), "b again");
 }
 
 TEST_P(ObjListRefresh, RemovingAnObjectTheListDoesNotHoldIsAGeneralError)
