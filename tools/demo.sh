@@ -10,7 +10,7 @@ bash "$root/tools/install-deps.sh"
 
 build="$root/build"
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$build" -j"$(nproc)" --target Tavik_PKCS11 KorvoPerformRsa korvo_demo >/dev/null
+cmake --build "$build" -j"$(nproc)" --target Tavik_PKCS11 KorvoPerformRsa korvo_demo korvo_test_certs >/dev/null
 
 module="$build/src/libTavik_PKCS11.so.1"
 sandbox=$(mktemp -d /tmp/korvo-demo-XXXXXX)
@@ -72,49 +72,20 @@ else
 fi
 
 # A certificate store in the sandbox home, laid out as the token reads it:
-# a root CA, an intermediate CA signed by the root and a user certificate
-# signed by the intermediate, raw DER under their SHA-256 names, and the
-# user's key where the reference helper looks for it. Every name is invented.
+# the build's test root CA, its intermediate CA and one user certificate
+# (tools/testcerts/make-test-certs.sh), raw DER under their SHA-256 names,
+# and the user's key where the reference helper looks for it. Every name in
+# them is invented.
 echo
 echo "== A certificate store in the sandbox home =="
+made="$build/testcerts"
 certs="$sandbox/certs"
 store="$HOME/.korvo"
 mkdir -p "$certs" "$store/root_certificates" "$store/intermediate_certificates" "$store/user_certificates" "$store/keys"
-cat > "$certs/ext.cnf" <<'CNF'
-[root_ca]
-basicConstraints = critical,CA:TRUE
-keyUsage = critical,keyCertSign,cRLSign
-subjectKeyIdentifier = hash
-
-[intermediate_ca]
-basicConstraints = critical,CA:TRUE,pathlen:0
-keyUsage = critical,keyCertSign,cRLSign
-subjectKeyIdentifier = hash
-authorityKeyIdentifier = keyid
-
-[user]
-basicConstraints = critical,CA:FALSE
-keyUsage = critical,digitalSignature,nonRepudiation,keyEncipherment
-subjectKeyIdentifier = hash
-authorityKeyIdentifier = keyid
-certificatePolicies = 1.2.208.169.1.1.1.1
-CNF
-# make_cert NAME SERIAL EXTENSIONS SUBJECT ISSUER ("self" for the root)
-make_cert() {
-  local name=$1 serial=$2 ext=$3 subject=$4 issuer=$5
-  local signer=(-CA "$certs/$issuer.pem" -CAkey "$certs/$issuer.key.pem")
-  [ "$issuer" != self ] || signer=(-signkey "$certs/$name.key.pem")
-  {
-    openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out "$certs/$name.key.pem" &&
-    openssl req -new -key "$certs/$name.key.pem" -subj "$subject" -out "$certs/$name.csr" &&
-    openssl x509 -req -in "$certs/$name.csr" "${signer[@]}" -set_serial "$serial" -days 3650 -sha256 \
-      -extfile "$certs/ext.cnf" -extensions "$ext" -out "$certs/$name.pem" &&
-    openssl x509 -in "$certs/$name.pem" -outform DER -out "$certs/$name.der"
-  } 2>"$certs/openssl.log" || { cat "$certs/openssl.log" >&2; echo "making the $name certificate failed" >&2; exit 1; }
-}
-make_cert root 1 root_ca "/C=XX/O=Korvo Invented Demo Data/CN=Korvo Demo Root CA" self
-make_cert intermediate 2 intermediate_ca "/C=XX/O=Korvo Invented Demo Data/CN=Korvo Demo Intermediate CA" root
-make_cert alice 4097 user "/C=XX/O=Invented Org/CN=Alice Invented" intermediate
+cp "$made/root-ca.der" "$certs/root.der"
+cp "$made/intermediate-ca.der" "$certs/intermediate.der"
+cp "$made/user-person.der" "$certs/alice.der"
+cp "$made/user-person.key.pem" "$certs/alice.key.pem"
 sha() { sha256sum "$1" | cut -d' ' -f1; }
 user_id=$(sha "$certs/alice.der")
 cp "$certs/root.der" "$store/root_certificates/$(sha "$certs/root.der").cer"
