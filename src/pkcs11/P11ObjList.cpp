@@ -8,16 +8,17 @@
 
 #include "pkcs11/objects/P11Obj.h"
 
+// Identity of an object for add-or-replace: its class record and its CKA_ID
+// bytes, as one string.
+typedef std::string P11ObjIdentity;
+
 struct P11ObjListEntry {
     P11ObjListEntry* next;
     P11ObjListEntry* prev;
     P11Obj* object;
     uint32_t mark;
+    P11ObjIdentity identity;  // under which an indexed list knows the entry; empty if none
 };
-
-// Identity of an object for add-or-replace: its class record and its CKA_ID
-// bytes, as one string.
-typedef std::string P11ObjIdentity;
 typedef std::unordered_map<P11ObjIdentity, P11ObjListEntry*> P11ObjIdentityIndex;
 
 // Handle to entry, for the indexed lists; filled on demand, since handles
@@ -74,14 +75,14 @@ bool identityOfObject(P11Obj* object, P11ObjIdentity* key)
     return true;
 }
 
+// Allocates nothing, so that unlinking cannot fail.
 void unindex(P11ObjList* list, P11ObjListEntry* entry)
 {
     if (!list->index) return;
     const auto byHandle = list->handles->find(P11Obj_getHandle(entry->object));
     if (byHandle != list->handles->end() && byHandle->second == entry) list->handles->erase(byHandle);
-    P11ObjIdentity key;
-    if (!identityOfObject(entry->object, &key)) return;
-    const auto found = list->index->find(key);
+    if (entry->identity.empty()) return;
+    const auto found = list->index->find(entry->identity);
     if (found != list->index->end() && found->second == entry) list->index->erase(found);
 }
 
@@ -97,13 +98,13 @@ void unlink(P11ObjList* list, P11ObjListEntry* entry)
 
 CK_RV append(P11ObjList* list, P11Obj* object, P11ObjListEntry** added = nullptr)
 {
-    P11ObjListEntry* entry = new (std::nothrow) P11ObjListEntry{&list->sentinel, list->sentinel.prev, object, 0};
+    P11ObjListEntry* entry = new (std::nothrow) P11ObjListEntry{&list->sentinel, list->sentinel.prev, object, 0, {}};
     if (!entry) return CKR_HOST_MEMORY;
     if (list->index) {
         // The first object of an identity is the one a walk would find.
-        P11ObjIdentity key;
         try {
-            if (identityOfObject(object, &key)) list->index->emplace(std::move(key), entry);
+            if (identityOfObject(object, &entry->identity) && !list->index->emplace(entry->identity, entry).second)
+                entry->identity.clear();  // the list already knows an object of this identity
         } catch (const std::bad_alloc&) {
             delete entry;
             return CKR_HOST_MEMORY;
@@ -332,10 +333,9 @@ CK_RV P11ObjList_enableIdentityIndex(P11ObjList* list)
         return CKR_HOST_MEMORY;
     }
     try {
-        for (P11ObjListEntry* e = first(list); e; e = after(list, e)) {
-            P11ObjIdentity key;
-            if (identityOfObject(e->object, &key)) index->emplace(std::move(key), e);
-        }
+        for (P11ObjListEntry* e = first(list); e; e = after(list, e))
+            if (identityOfObject(e->object, &e->identity) && !index->emplace(e->identity, e).second)
+                e->identity.clear();
     } catch (const std::bad_alloc&) {
         delete index;
         delete handles;

@@ -608,6 +608,20 @@ CK_RV notSupportedInOut(P11Obj*, P11Session*, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR
 CK_RV notSupportedFinal(P11Obj*, P11Session*, CK_BYTE_PTR, CK_ULONG_PTR) { return CKR_FUNCTION_NOT_SUPPORTED; }
 CK_RV notSupportedUpdate(P11Obj*, P11Session*, CK_BYTE_PTR, CK_ULONG) { return CKR_FUNCTION_NOT_SUPPORTED; }
 
+// The members run below the C entry points, where nothing may be thrown:
+// a failed allocation is CKR_HOST_MEMORY, anything else CKR_GENERAL_ERROR.
+template <auto Member, typename... Args>
+CK_RV noThrow(Args... args)
+{
+    try {
+        return Member(args...);
+    } catch (const std::bad_alloc&) {
+        return CKR_HOST_MEMORY;
+    } catch (...) {
+        return CKR_GENERAL_ERROR;
+    }
+}
+
 P11ObjClass makeClass()
 {
     P11ObjClass c{};
@@ -616,7 +630,7 @@ P11ObjClass makeClass()
     c.setAttribute = P11Obj_AttrBacked_setAttribute;
     c.getAttribute = P11Obj_AttrBacked_getAttribute;
     c.peekAttribute = P11Obj_AttrBacked_peekAttribute;
-    c.copy = copyKey;
+    c.copy = noThrow<copyKey, P11Obj*, P11Obj*>;
     c.compare = P11Obj_AttrBacked_compare;
     c.enumAttributes = P11Obj_AttrBacked_enumAttributes;
     c.getAttributeCount = P11Obj_AttrBacked_getAttributeCount;
@@ -628,16 +642,16 @@ P11ObjClass makeClass()
     c.encrypt = notSupportedInOut;
     c.encryptUpdate = notSupportedInOut;
     c.encryptFinal = notSupportedFinal;
-    c.decryptInit = decryptInit;
-    c.decrypt = decrypt;
+    c.decryptInit = noThrow<decryptInit, P11Obj*, P11Session*, CK_MECHANISM_PTR>;
+    c.decrypt = noThrow<decrypt, P11Obj*, P11Session*, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR>;
     c.decryptUpdate = notSupportedInOut;
     c.decryptFinal = notSupportedFinal;
-    c.signInit = signInit;
-    c.sign = sign;
-    c.signUpdate = signUpdate;
-    c.signFinal = signFinal;
-    c.signRecoverInit = signRecoverInit;
-    c.signRecover = sign;
+    c.signInit = noThrow<signInit, P11Obj*, P11Session*, CK_MECHANISM_PTR>;
+    c.sign = noThrow<sign, P11Obj*, P11Session*, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR>;
+    c.signUpdate = noThrow<signUpdate, P11Obj*, P11Session*, CK_BYTE_PTR, CK_ULONG>;
+    c.signFinal = noThrow<signFinal, P11Obj*, P11Session*, CK_BYTE_PTR, CK_ULONG_PTR>;
+    c.signRecoverInit = noThrow<signRecoverInit, P11Obj*, P11Session*, CK_MECHANISM_PTR>;
+    c.signRecover = c.sign;
     c.verifyInit = notSupportedInit;
     c.verify = [](P11Obj*, P11Session*, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG) -> CK_RV {
         return CKR_FUNCTION_NOT_SUPPORTED;
@@ -650,7 +664,7 @@ P11ObjClass makeClass()
     c.wrapKey = [](P11Obj*, P11Session*, CK_MECHANISM_PTR, P11Obj*, CK_BYTE_PTR, CK_ULONG_PTR) -> CK_RV {
         return CKR_FUNCTION_NOT_SUPPORTED;
     };
-    c.unwrapKey = unwrapKey;
+    c.unwrapKey = noThrow<unwrapKey, P11Obj*, P11Session*, CK_MECHANISM_PTR, CK_BYTE_PTR, CK_ULONG, P11Obj*>;
     return c;
 }
 
