@@ -21,7 +21,6 @@ constexpr uint64_t kPublicKinds = P11_KIND_RSA_PUBLIC | P11_KIND_DSA_PUBLIC | P1
 constexpr uint64_t kPrivateKinds = P11_KIND_RSA_PRIVATE | P11_KIND_DSA_PRIVATE | P11_KIND_EC_PRIVATE |
                                    P11_KIND_DH_PRIVATE | P11_KIND_X942_PRIVATE;
 constexpr uint64_t kSecretKinds = P11_KIND_FIXED_SECRET | P11_KIND_VARIABLE_SECRET;
-constexpr uint64_t kParameterKinds = P11_KIND_DSA_PARAMETERS | P11_KIND_DH_PARAMETERS | P11_KIND_X942_PARAMETERS;
 
 // ---------------------------------------------------------------------------
 // Kinds
