@@ -55,6 +55,7 @@ namespace {
 
 using p11bench::Module;
 using p11bench::rvName;
+using p11bench::takeFlag;
 
 constexpr size_t kLargeSize = size_t(1) << 20;
 constexpr size_t kSmallSize = 64;
@@ -418,21 +419,6 @@ bool printRatio(const char* what, double ours, double theirs, double target, boo
     std::printf("%-56s %.3f (target >= %.2f)  %s\n", what, ratio, target, met ? "MET" : "NOT MET");
     *known = true;
     return met;
-}
-
-bool takeFlag(const char* arg, const char* name, std::string* value)
-{
-    const size_t n = std::strlen(name);
-    if (std::strncmp(arg, name, n) != 0) return false;
-    if (arg[n] == '=') {
-        *value = arg + n + 1;
-        return true;
-    }
-    if (arg[n] == '\0') {
-        value->clear();
-        return true;
-    }
-    return false;
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <cstdio>
+#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -141,6 +142,21 @@ bool Module::openSession(CK_SLOT_ID slot, CK_SESSION_HANDLE* session)
     const CK_RV rv = functions_->C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, session);
     if (rv != CKR_OK) return fail("C_OpenSession", rv);
     return true;
+}
+
+bool takeFlag(const char* arg, const char* name, std::string* value)
+{
+    const size_t n = std::strlen(name);
+    if (std::strncmp(arg, name, n) != 0) return false;
+    if (arg[n] == '=') {
+        *value = arg + n + 1;
+        return true;
+    }
+    if (arg[n] == '\0') {
+        value->clear();
+        return true;
+    }
+    return false;
 }
 
 }  // namespace p11bench

@@ -58,4 +58,8 @@ private:
     bool osLocking_ = true;
 };
 
+// A command-line option "--name=value" or "--name" (value then empty);
+// false when arg is another option.
+bool takeFlag(const char* arg, const char* name, std::string* value);
+
 }  // namespace p11bench

@@ -98,6 +98,7 @@ namespace {
 namespace fs = std::filesystem;
 using p11bench::Module;
 using p11bench::rvName;
+using p11bench::takeFlag;
 using Bytes = std::vector<unsigned char>;
 using Clock = std::chrono::steady_clock;
 
@@ -986,21 +987,6 @@ bool partSign(Module& module, Issuer& issuer, EVP_PKEY* key, const std::string& 
 }
 
 // ---------------------------------------------------------------------------
-
-bool takeFlag(const char* arg, const char* name, std::string* value)
-{
-    const size_t n = std::strlen(name);
-    if (std::strncmp(arg, name, n) != 0) return false;
-    if (arg[n] == '=') {
-        *value = arg + n + 1;
-        return true;
-    }
-    if (arg[n] == '\0') {
-        value->clear();
-        return true;
-    }
-    return false;
-}
 
 bool positive(const std::string& text, int* value)
 {
