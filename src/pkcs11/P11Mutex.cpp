@@ -82,6 +82,18 @@ CK_RV I_UnlockMutex(CK_VOID_PTR mutex)
     return CKR_OK;
 }
 
+bool I_ReclaimMutexInChild(CK_VOID_PTR mutex)
+{
+    pthread_mutex_t* m = static_cast<pthread_mutex_t*>(mutex);
+    if (!m) return false;
+    if (pthread_mutex_trylock(m) == 0) {
+        pthread_mutex_unlock(m);
+        return false;
+    }
+    pthread_mutex_init(m, nullptr);
+    return true;
+}
+
 CK_RV P11Mutex_construct(P11MutexHandle* mutex)
 {
     *mutex = nullptr;

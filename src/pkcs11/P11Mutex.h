@@ -26,6 +26,11 @@ CK_RV I_CreateMutex(CK_VOID_PTR_PTR mutex);
 CK_RV I_DestroyMutex(CK_VOID_PTR mutex);
 CK_RV I_LockMutex(CK_VOID_PTR mutex);
 CK_RV I_UnlockMutex(CK_VOID_PTR mutex);
+// In a forked child only: true when a thread of the parent held the mutex
+// at the fork, which is then made usable again (the child has only the
+// forking thread, so nobody will ever release it). False, and the mutex is
+// left as it was, when it was free.
+bool I_ReclaimMutexInChild(CK_VOID_PTR mutex);
 
 CK_RV P11Mutex_construct(P11MutexHandle* mutex);
 CK_RV P11Mutex_destruct(P11MutexHandle* mutex);

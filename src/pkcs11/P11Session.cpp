@@ -10,10 +10,29 @@
 
 namespace {
 
-// Holds the session mutex for a scope.
+// Holds the session mutex for a scope. A session that was closed answers
+// CKR_SESSION_CLOSED, whether it was closed before the call waited for its
+// mutex or while it waited.
 class SessionLock : public P11LockGuard<P11Session> {
 public:
-    explicit SessionLock(P11Session* session) : P11LockGuard(session, P11Session_lock, P11Session_unlock) {}
+    explicit SessionLock(P11Session* session) : P11LockGuard(session, P11Session_lock, P11Session_unlock), session_(session) {}
+    CK_RV lock()
+    {
+        if (session_->closed.load(std::memory_order_acquire)) return CKR_SESSION_CLOSED;
+        const CK_RV rv = P11LockGuard::lock();
+        if (rv != CKR_OK) return rv;
+        if (session_->closed.load(std::memory_order_acquire)) return release(CKR_SESSION_CLOSED);
+        return CKR_OK;
+    }
+
+private:
+    P11Session* session_;
+};
+
+// The token mutex, which guards the sessions' object lists.
+class TokenLock : public P11LockGuard<P11Token> {
+public:
+    explicit TokenLock(P11Token* token) : P11LockGuard(token, P11Token_lock, P11Token_unlock) {}
 };
 
 // Ends the active operation, whatever its kind: no kind, no key, no
@@ -21,7 +40,7 @@ public:
 void endOperation(P11Session* session)
 {
     session->activeOperation = P11_OP_NONE;
-    session->operationKey = nullptr;
+    P11Obj_destruct(&session->operationKey);
     P11Session_freeOperationData(session);
     P11FindContext_destruct(&session->findContext);
 }
@@ -35,10 +54,13 @@ CK_RV beginOperation(P11Session* session, uint32_t kind, P11Obj* key, Init init)
     if (session->activeOperation != P11_OP_NONE) return lock.release(CKR_OPERATION_ACTIVE);
     session->activeOperation = kind;
     rv = init();
-    if (rv == CKR_OK)
+    if (rv == CKR_OK) {
+        // The operation keeps its key alive, whatever happens to it.
         session->operationKey = key;
-    else
+        if (key) P11Obj_retain(key);
+    } else {
         endOperation(session);
+    }
     return lock.release(rv);
 }
 
@@ -104,12 +126,25 @@ CK_RV updateCall(P11Session* session, uint32_t kind, UpdateRule rule, Call call)
     return lock.release(rv);
 }
 
-// Destroys what construction built; each part may be missing.
+// Kills every object of a list: its handle is forgotten, calls that still
+// hold it see it dead, and the list's reference goes. The caller holds the
+// token mutex.
+void killObjects_inlock(P11Token* token, P11ObjList* list)
+{
+    P11Obj* object = nullptr;
+    while (P11ObjList_popObject(list, &object) == CKR_OK && object) {
+        P11Token_unindex_inlock(token, P11Obj_getHandle(object));
+        P11Obj_markDead(object);
+        P11Obj_destruct(&object);
+    }
+}
+
+// Destroys what construction built; each part may be missing. Nothing else
+// can reach the session any more.
 CK_RV destroyParts(P11Session* session)
 {
-    CK_RV rv = P11Session_freeOperationData(session);
-    if (rv != CKR_OK) return rv;
-    P11FindContext_destruct(&session->findContext);
+    endOperation(session);
+    CK_RV rv = CKR_OK;
     if (session->publicObjects) {
         if ((rv = P11ObjList_destroyAllObjects(session->publicObjects)) != CKR_OK) return rv;
         P11ObjList_destruct(&session->publicObjects);
@@ -164,16 +199,40 @@ CK_RV P11Session_destruct(P11Session** session)
     return CKR_OK;
 }
 
+void P11Session_retain(P11Session* session)
+{
+    session->refs.fetch_add(1, std::memory_order_relaxed);
+}
+
+CK_RV P11Session_release(P11Session** session)
+{
+    if (!session || !*session) return CKR_OK;
+    if ((*session)->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) {
+        *session = nullptr;
+        return CKR_OK;
+    }
+    return P11Session_destruct(session);
+}
+
 CK_RV P11Session_closeSession(P11Session* session)
 {
     TSQ_Trace(3, "Entering %s", "P11Session_closeSession");
     CK_RV rv = P11Token_removeSession(session->token, session);
-    if (rv == CKR_OK) rv = P11Session_destruct(&session);
+    // The list's reference; the record goes with the last call that holds it.
+    if (rv == CKR_OK) rv = P11Session_release(&session);
     if (rv != CKR_OK)
         TSQ_TraceWithRv(P11TraceContext, 1, "C_CloseSession", rv);
     else
         TSQ_Trace(3, "Exiting %s\n", "C_CloseSession");
     return rv;
+}
+
+void P11Session_close_inlock(P11Session* session)
+{
+    session->closed.store(true, std::memory_order_release);
+    P11Token_unindex_inlock(session->token, session->handle);
+    killObjects_inlock(session->token, session->publicObjects);
+    if (session->privateObjects) killObjects_inlock(session->token, session->privateObjects);
 }
 
 CK_RV P11Session_getSessionInfo(P11Session* session, CK_SESSION_INFO_PTR info)
@@ -267,29 +326,23 @@ CK_RV P11Session_initPIN(P11Session* session, CK_UTF8CHAR_PTR pin, CK_ULONG pinL
     return P11Token_initPIN(session->token, pin, pinLen);
 }
 
-CK_RV P11Session_doLogin(P11Session* session)
+CK_RV P11Session_doLogin_inlock(P11Session* session)
 {
-    SessionLock lock(session);
-    CK_RV rv = lock.lock();
-    if (rv != CKR_OK) return rv;
+    CK_RV rv = CKR_OK;
     if (!session->privateObjects) rv = P11ObjList_construct(&session->privateObjects);
     if (rv == CKR_OK) session->userLoggedIn = CK_TRUE;
-    return lock.release(rv);
+    return rv;
 }
 
-CK_RV P11Session_doLogout(P11Session* session)
+CK_RV P11Session_doLogout_inlock(P11Session* session)
 {
-    SessionLock lock(session);
-    CK_RV rv = lock.lock();
-    if (rv != CKR_OK) return rv;
     // Private session objects do not outlive the login.
     if (session->privateObjects) {
-        rv = P11ObjList_destroyAllObjects(session->privateObjects);
-        if (rv != CKR_OK) return lock.release(rv);
+        killObjects_inlock(session->token, session->privateObjects);
         P11ObjList_destruct(&session->privateObjects);
     }
     session->userLoggedIn = CK_FALSE;
-    return lock.release(CKR_OK);
+    return CKR_OK;
 }
 
 CK_RV P11Session_generateRandom(P11Session* session, CK_BYTE_PTR buffer, CK_ULONG length)
@@ -309,64 +362,42 @@ CK_RV P11Session_addObject(P11Session* session, P11Obj* object)
     if (rv != CKR_OK) return rv;
     P11Obj_setHandle(object, handle);
 
-    SessionLock lock(session);
+    TokenLock lock(session->token);
     rv = lock.lock();
     if (rv != CKR_OK) return rv;
+    if (session->closed.load(std::memory_order_acquire)) return lock.release(CKR_SESSION_CLOSED);
     CK_BBOOL isPrivate = CK_FALSE;
     rv = P11Obj_isPrivate(object, &isPrivate);
     if (rv != CKR_OK) return lock.release(rv);
-    if (!isPrivate) return lock.release(P11ObjList_add(session->publicObjects, object));
-    if (!session->userLoggedIn) return lock.release(CKR_USER_NOT_LOGGED_IN);
-    if (!session->privateObjects) return lock.release(CKR_GENERAL_ERROR);
-    return lock.release(P11ObjList_add(session->privateObjects, object));
+    P11ObjList* list = session->publicObjects;
+    if (isPrivate) {
+        if (!session->userLoggedIn) return lock.release(CKR_USER_NOT_LOGGED_IN);
+        if (!session->privateObjects) return lock.release(CKR_GENERAL_ERROR);
+        list = session->privateObjects;
+    }
+    P11Obj_retain(object);
+    rv = P11ObjList_add(list, object);
+    if (rv == CKR_OK) {
+        rv = P11Token_indexObject_inlock(session->token, object);
+        if (rv != CKR_OK) P11ObjList_remove(list, object);
+    }
+    if (rv != CKR_OK) {
+        P11Obj* listReference = object;
+        P11Obj_destruct(&listReference);
+    }
+    return lock.release(rv);
 }
 
-CK_RV P11Session_removeObject(P11Session* session, P11Obj* object)
+CK_RV P11Session_removeObject_inlock(P11Session* session, P11Obj* object)
 {
-    SessionLock lock(session);
-    CK_RV rv = lock.lock();
-    if (rv != CKR_OK) return rv;
-    CK_BBOOL isPrivate = CK_FALSE;
-    rv = P11Obj_isPrivate(object, &isPrivate);
-    if (rv != CKR_OK) return lock.release(rv);
-    P11ObjList* list = isPrivate ? session->privateObjects : session->publicObjects;
-    return lock.release(list ? P11ObjList_remove(list, object) : CKR_GENERAL_ERROR);
+    CK_RV rv = P11ObjList_remove(session->publicObjects, object);
+    if (rv != CKR_OK && session->privateObjects) rv = P11ObjList_remove(session->privateObjects, object);
+    return rv;
 }
 
 CK_RV P11Session_destroyObject(P11Session* session, P11Obj* object)
 {
     return P11Obj_destroyObject(&object, session);
-}
-
-CK_RV P11Session_forgetKey(P11Session* session, P11Obj* key)
-{
-    SessionLock lock(session);
-    const CK_RV rv = lock.lock();
-    if (rv != CKR_OK) return rv;
-    if (session->operationKey == key) endOperation(session);
-    return lock.release(CKR_OK);
-}
-
-CK_RV P11Session_findObjectHandle(P11Session* session, CK_OBJECT_HANDLE handle, P11Obj** object)
-{
-    SessionLock lock(session);
-    CK_RV rv = lock.lock();
-    if (rv != CKR_OK) return rv;
-    rv = P11ObjList_findObjectHandle(session->publicObjects, handle, object);
-    if (rv == CKR_OK && !*object && session->privateObjects)
-        rv = P11ObjList_findObjectHandle(session->privateObjects, handle, object);
-    return lock.release(rv);
-}
-
-CK_RV P11Session_contains(P11Session* session, P11Obj* object, CK_BBOOL* contains)
-{
-    SessionLock lock(session);
-    CK_RV rv = lock.lock();
-    if (rv != CKR_OK) return rv;
-    rv = P11ObjList_contains(session->publicObjects, object, contains);
-    if (rv == CKR_OK && !*contains && session->privateObjects)
-        rv = P11ObjList_contains(session->privateObjects, object, contains);
-    return lock.release(rv);
 }
 
 CK_RV P11Session_findObjectsInit(P11Session* session, CK_ATTRIBUTE_PTR attributes, CK_ULONG count)
@@ -377,32 +408,41 @@ CK_RV P11Session_findObjectsInit(P11Session* session, CK_ATTRIBUTE_PTR attribute
         CK_RV rv = lock.lock();
         if (rv != CKR_OK) return rv;
         if (session->activeOperation != P11_OP_NONE) return lock.release(CKR_OPERATION_ACTIVE);
-        session->activeOperation = P11_OP_FIND;
-        rv = P11FindContext_construct(&session->findContext);
-        if (rv == CKR_OK) rv = P11FindContext_setFindTemplate(session->findContext, attributes, count);
+        rv = P11FindContext_construct(&context);
+        if (rv == CKR_OK) rv = P11FindContext_setFindTemplate(context, attributes, count);
         if (rv != CKR_OK) {
-            P11FindContext_destruct(&session->findContext);
-            session->activeOperation = P11_OP_NONE;
+            P11FindContext_destruct(&context);
             return lock.release(rv);
         }
-        context = session->findContext;
+        session->activeOperation = P11_OP_FIND;
         rv = lock.release(CKR_OK);
-        if (rv != CKR_OK) return rv;
+        if (rv != CKR_OK) {
+            P11FindContext_destruct(&context);
+            return rv;
+        }
     }
-    // The session mutex is released first: the token takes its own mutex and
-    // then every session's in turn.
-    // A failure here leaves the search active: C_FindObjectsFinal ends it.
-    return P11Token_findObjects(session->token, context);
+    // The session mutex is not held while the token collects the matches
+    // under its own mutex. The results go into the session afterwards; a
+    // failure here leaves the search active: C_FindObjectsFinal ends it.
+    const CK_RV rv = P11Token_findObjects(session->token, context);
+    SessionLock lock(session);
+    const CK_RV lockRv = lock.lock();
+    if (lockRv != CKR_OK) {
+        P11FindContext_destruct(&context);
+        return lockRv;
+    }
+    if (session->activeOperation == P11_OP_FIND && !session->findContext)
+        session->findContext = context;
+    else
+        P11FindContext_destruct(&context);  // another call in this session ended the search meanwhile
+    return lock.release(rv);
 }
 
-CK_RV P11Session_doFindObjects(P11Session* session, P11FindContext* context)
+CK_RV P11Session_doFindObjects_inlock(P11Session* session, P11FindContext* context)
 {
-    SessionLock lock(session);
-    CK_RV rv = lock.lock();
-    if (rv != CKR_OK) return rv;
-    rv = P11ObjList_findObjects(session->publicObjects, context);
+    CK_RV rv = P11ObjList_findObjects(session->publicObjects, context);
     if (rv == CKR_OK && session->privateObjects) rv = P11ObjList_findObjects(session->privateObjects, context);
-    return lock.release(rv);
+    return rv;
 }
 
 CK_RV P11Session_findObjects(P11Session* session, CK_OBJECT_HANDLE_PTR objects, CK_ULONG max, CK_ULONG_PTR count)
@@ -413,6 +453,11 @@ CK_RV P11Session_findObjects(P11Session* session, CK_OBJECT_HANDLE_PTR objects, 
     if (session->activeOperation != P11_OP_FIND) {
         P11FindContext_destruct(&session->findContext);
         return lock.release(CKR_OPERATION_NOT_INITIALIZED);
+    }
+    if (!session->findContext) {
+        // The search is still collecting in another call of this session.
+        *count = 0;
+        return lock.release(CKR_OK);
     }
     rv = P11FindContext_getResults(session->findContext, objects, max, count);
     if (rv != CKR_OK && rv != CKR_OPERATION_NOT_INITIALIZED) {

@@ -1,16 +1,25 @@
 #include "pkcs11/P11Token.h"
 
+#include <pthread.h>
+
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <vector>
+
+#include <openssl/crypto.h>
 
 #include "crypto/crypto_errors.h"
 #include "crypto/csprgbg.h"
+#include "pkcs11/GetToken.h"
+#include "pkcs11/P11HandleIndex.h"
 #include "pkcs11/P11ObjList.h"
 #include "pkcs11/P11Session.h"
 #include "pkcs11/P11SessionList.h"
 #include "pkcs11/db/P11DB.h"
 #include "pkcs11/db/Tavik_p11trace.h"
+#include "pkcs11/db/Tavik_privatekey_helper.h"
 #include "pkcs11/objects/P11Obj.h"
 
 // "Tavik A/S" blank-padded to 25 characters; the last 7 bytes stay zero.
@@ -123,9 +132,141 @@ CK_RV teardown(P11Token* token)
     if (rv != CKR_OK) return rv;
     if (token->rng && csprgbg_exit(&token->rng) != CRYPTO_OK) return CKR_GENERAL_ERROR;
     if (token->sessions && (rv = P11SessionList_destruct(&token->sessions)) != CKR_OK) return rv;
+    if (token->index) P11HandleIndex_destruct(&token->index);
     if ((rv = P11Mutex_destruct(&token->tokenMutex)) != CKR_OK) return rv;
     if ((rv = P11Mutex_destruct(&token->handleMutex)) != CKR_OK) return rv;
     return P11_destroyGlobalLock();
+}
+
+// Requests up to this size are served by the token's generator under the
+// handle mutex; larger ones by a private generator seeded from it, outside
+// the mutex, so that nobody waits while one caller's bulk bytes are made.
+constexpr CK_ULONG kDirectRandomBytes = 4096;
+constexpr size_t kBulkSeedBytes = 48;
+
+// A session or object by handle from the index, with a reference for the
+// caller; null when there is none.
+template <typename T>
+CK_RV lookUp(P11Token* token, CK_ULONG handle, P11HandleKind kind, void (*retain)(void*), T** found)
+{
+    *found = nullptr;
+    if (!token) return CKR_GENERAL_ERROR;
+    if (P11HandleIndex_hasOwnLocks(token->index)) {
+        *found = static_cast<T*>(P11HandleIndex_find(token->index, handle, kind, retain));
+        return CKR_OK;
+    }
+    TokenLock lock(token, P11Token_lock, P11Token_unlock);
+    const CK_RV rv = lock.lock();
+    if (rv != CKR_OK) return rv;
+    *found = static_cast<T*>(P11HandleIndex_find(token->index, handle, kind, retain));
+    return lock.release(CKR_OK);
+}
+
+void retainSession(void* session)
+{
+    P11Session_retain(static_cast<P11Session*>(session));
+}
+
+void retainObject(void* object)
+{
+    P11Obj_retain(static_cast<P11Obj*>(object));
+}
+
+// ---- fork ----
+//
+// With the library's own locking, a fork takes the token mutex, the handle
+// mutex, the decryption cache's lock and the index's shard locks in the
+// forking thread, so that the child gets the token in a consistent state
+// with those locks free. Session and object mutexes are not taken (a
+// session may be waiting a minute for a person at the helper's prompt);
+// instead the child sets aside every session and object whose mutex a
+// thread of the parent held: they are closed and dead there, and their
+// mutexes are made usable again. The handlers do nothing while the library
+// is not initialised or uses the application's callbacks or no locking.
+
+struct ForkHold {
+    P11Token* token;
+    P11LockRecord tokenRecord;
+    P11LockRecord handleRecord;
+};
+ForkHold forkHold = {nullptr, nullptr, nullptr};
+
+void forkPrepare()
+{
+    forkHold = {nullptr, nullptr, nullptr};
+    P11Token* token = GetToken();
+    if (!token || !token->index || !P11HandleIndex_hasOwnLocks(token->index)) return;
+    if (P11Token_lock(token, &forkHold.tokenRecord) != CKR_OK) return;
+    if (P11TokenObjectHandleCnt_lock(token, &forkHold.handleRecord) != CKR_OK) {
+        P11Token_unlock(token, &forkHold.tokenRecord);
+        return;
+    }
+    DecryptionCache::instance().lockForFork();
+    P11HandleIndex_lockAll(token->index);
+    forkHold.token = token;
+}
+
+void forkRelease()
+{
+    P11Token* token = forkHold.token;
+    if (!token) return;
+    P11HandleIndex_unlockAll(token->index);
+    DecryptionCache::instance().unlockForFork();
+    P11TokenObjectHandleCnt_unlock(token, &forkHold.handleRecord);
+    P11Token_unlock(token, &forkHold.tokenRecord);
+    forkHold.token = nullptr;
+}
+
+// Objects of a list whose mutex was held at the fork leave it, dead.
+void setAsideObjects_inlock(P11Token* token, P11ObjList* list)
+{
+    std::vector<P11Obj*> busy;
+    P11ObjListCursor cursor = nullptr;
+    P11Obj* object = nullptr;
+    while (P11ObjList_enumObjects(list, &cursor, &object) == CKR_OK && object)
+        if (I_ReclaimMutexInChild(object->mutex)) busy.push_back(object);
+    for (P11Obj* gone : busy) {
+        if (P11ObjList_remove(list, gone) != CKR_OK) continue;
+        P11Token_unindex_inlock(token, P11Obj_getHandle(gone));
+        P11Obj_markDead(gone);
+        P11Obj_destruct(&gone);
+    }
+}
+
+void forkChild()
+{
+    P11Token* token = forkHold.token;
+    if (!token) return;
+    try {
+        std::vector<P11Session*> busy;
+        P11SessionListCursor cursor = 0;
+        P11Session* session = nullptr;
+        while (P11SessionList_enumSessions(token->sessions, &cursor, &session) == CKR_OK && session) {
+            if (I_ReclaimMutexInChild(session->mutex)) {
+                busy.push_back(session);
+                continue;
+            }
+            setAsideObjects_inlock(token, session->publicObjects);
+            if (session->privateObjects) setAsideObjects_inlock(token, session->privateObjects);
+        }
+        for (P11Session* closing : busy) {
+            // Its call never returns here, so its record is never freed.
+            if (P11SessionList_remove(token->sessions, closing) != CKR_OK) continue;
+            P11Session_close_inlock(closing);
+            --token->sessionCount;
+            if (P11Session_isReadWrite(closing)) --token->rwSessionCount;
+        }
+        setAsideObjects_inlock(token, token->database->objects);
+    } catch (...) {
+        // Out of memory in the child: what could not be set aside stays.
+    }
+    forkRelease();
+}
+
+void registerForkHandlers()
+{
+    static std::once_flag once;
+    std::call_once(once, [] { pthread_atfork(forkPrepare, forkRelease, forkChild); });
 }
 
 }  // namespace
@@ -153,6 +294,10 @@ CK_RV P11Token_construct(P11Token** pToken)
         rv = CKR_GENERAL_ERROR;
     if (seed) std::memset(seed.get(), 0, seedLength);
     if (rv == CKR_OK) rv = P11SessionList_construct(&token->sessions);
+    // The index has locks of its own only with the library's own mutexes:
+    // with the application's callbacks every lock comes from them.
+    const bool ownLocking = CreateMutexPointer == I_CreateMutex;
+    if (rv == CKR_OK) rv = P11HandleIndex_construct(&token->index, ownLocking);
     if (rv == CKR_OK) rv = P11Mutex_construct(&token->handleMutex);
     if (rv == CKR_OK) rv = P11Mutex_construct(&token->tokenMutex);
     if (rv == CKR_OK) rv = P11_createGlobalFunctionLock();
@@ -161,6 +306,7 @@ CK_RV P11Token_construct(P11Token** pToken)
         delete token;
         return rv;
     }
+    if (ownLocking) registerForkHandlers();
     *pToken = token;
     return CKR_OK;
 }
@@ -272,12 +418,17 @@ CK_RV P11Token_openSession(P11Token* token, CK_FLAGS flags, CK_VOID_PTR applicat
     rv = P11Session_construct(&created, token, handle, readWrite, application, notify, token->userLoggedIn);
     if (rv != CKR_OK) return lock.release(rv);
     rv = P11SessionList_add(token->sessions, created);
+    if (rv == CKR_OK) {
+        rv = P11HandleIndex_insert_inlock(token->index, handle, P11HandleKind::Session, created);
+        if (rv != CKR_OK) P11SessionList_remove(token->sessions, created);
+    }
     if (rv != CKR_OK) {
         P11Session_destruct(&created);
         return lock.release(rv);
     }
     ++token->sessionCount;
     if (readWrite) ++token->rwSessionCount;
+    P11Session_retain(created);  // the caller's reference, besides the list's
     *session = created;
     return lock.release(CKR_OK);
 }
@@ -287,9 +438,12 @@ CK_RV P11Token_removeSession(P11Token* token, P11Session* session)
     TokenLock lock(token, P11Token_lock, P11Token_unlock);
     CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
+    // Another thread closed it since this call found it.
+    if (session->closed.load(std::memory_order_acquire)) return lock.release(CKR_SESSION_CLOSED);
     const bool readWrite = P11Session_isReadWrite(session);
     rv = P11SessionList_remove(token->sessions, session);
     if (rv != CKR_OK) return lock.release(rv);
+    P11Session_close_inlock(session);
     --token->sessionCount;
     if (readWrite) --token->rwSessionCount;
     if (token->sessionCount == 0) {
@@ -304,9 +458,12 @@ CK_RV P11Token_closeAllSessions(P11Token* token)
     TokenLock lock(token, P11Token_lock, P11Token_unlock);
     CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
+    // Calls still running in a session finish first; the last of them
+    // frees the session.
     P11Session* session = nullptr;
     while (P11SessionList_popSession(token->sessions, &session) == CKR_OK && session) {
-        rv = P11Session_destruct(&session);
+        P11Session_close_inlock(session);
+        rv = P11Session_release(&session);
         if (rv != CKR_OK) return lock.release(rv);
     }
     token->sessionCount = 0;
@@ -335,7 +492,7 @@ CK_RV P11Token_login(P11Token* token, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pin
     rv = P11DB_Login(token->database, userType, pin, pinLen);
     if (rv != CKR_OK) return lock.release(rv);
     // The login belongs to the token: every open session sees it.
-    rv = forEachSession(token, [&](P11Session* session) { return P11Session_doLogin(session); });
+    rv = forEachSession(token, [&](P11Session* session) { return P11Session_doLogin_inlock(session); });
     if (rv != CKR_OK) return lock.release(rv);
     token->userLoggedIn = CK_TRUE;
     return lock.release(CKR_OK);
@@ -353,7 +510,7 @@ CK_RV P11Token_logout_do(P11Token* token)
 {
     if (!token->userLoggedIn && !token->soLoggedIn) return CKR_USER_NOT_LOGGED_IN;
     if (token->userLoggedIn) {
-        const CK_RV rv = forEachSession(token, [&](P11Session* session) { return P11Session_doLogout(session); });
+        const CK_RV rv = forEachSession(token, [&](P11Session* session) { return P11Session_doLogout_inlock(session); });
         if (rv != CKR_OK) return rv;
         token->userLoggedIn = CK_FALSE;
     }
@@ -397,7 +554,17 @@ CK_RV P11Token_initToken(P11Token* token, CK_UTF8CHAR_PTR soPin, CK_ULONG soPinL
 CK_RV P11Token_generateRandom(P11Token* token, CK_BYTE_PTR buffer, CK_ULONG length)
 {
     if (length == 0) return CKR_OK;
-    return withGenerator(token, [&] { return csprgbg_bytes(token->rng, buffer, length); });
+    if (length <= kDirectRandomBytes)
+        return withGenerator(token, [&] { return csprgbg_bytes(token->rng, buffer, length); });
+    CK_BYTE seed[kBulkSeedBytes];
+    const CK_RV rv = withGenerator(token, [&] { return csprgbg_bytes(token->rng, seed, sizeof seed); });
+    if (rv != CKR_OK) return rv;
+    csprgbg_state* bulk = nullptr;
+    int crv = csprgbg_init(&bulk, seed, sizeof seed, nullptr, 0);
+    OPENSSL_cleanse(seed, sizeof seed);
+    if (crv == CRYPTO_OK) crv = csprgbg_bytes(bulk, buffer, length);
+    csprgbg_exit(&bulk);
+    return crv == CRYPTO_OK ? CKR_OK : CKR_GENERAL_ERROR;
 }
 
 CK_RV P11Token_seedRandom(P11Token* token, CK_BYTE_PTR seed, CK_ULONG length)
@@ -426,15 +593,11 @@ CK_RV P11Token_getNewObjectHandle(P11Token* token, CK_OBJECT_HANDLE* handle)
 
 CK_RV P11Token_findSessionHandle(P11Token* token, CK_SESSION_HANDLE handle, P11Session** session)
 {
-    TokenLock lock(token, P11Token_lock, P11Token_unlock);
-    const CK_RV rv = lock.lock();
-    if (rv != CKR_OK) return rv;
-    return lock.release(P11SessionList_findSessionHandle(token->sessions, handle, session));
+    return lookUp(token, handle, P11HandleKind::Session, retainSession, session);
 }
 
 CK_RV P11Token_sessionHandleToPointer(P11Token* token, CK_SESSION_HANDLE handle, P11Session** session)
 {
-    *session = nullptr;
     const CK_RV rv = P11Token_findSessionHandle(token, handle, session);
     if (rv != CKR_OK) return rv;
     return *session ? CKR_OK : CKR_SESSION_CLOSED;
@@ -442,25 +605,17 @@ CK_RV P11Token_sessionHandleToPointer(P11Token* token, CK_SESSION_HANDLE handle,
 
 CK_RV P11Token_findObjectHandle(P11Token* token, CK_OBJECT_HANDLE handle, P11Obj** object)
 {
-    *object = nullptr;
-    TokenLock lock(token, P11Token_lock, P11Token_unlock);
-    CK_RV rv = lock.lock();
-    if (rv != CKR_OK) return rv;
-    P11SessionListCursor cursor = 0;
-    P11Session* session = nullptr;
-    while (!*object && P11SessionList_enumSessions(token->sessions, &cursor, &session) == CKR_OK && session) {
-        rv = P11Session_findObjectHandle(session, handle, object);
-        if (rv != CKR_OK) return lock.release(rv);
-    }
-    if (!*object) {
-        TokenLock dbLock(token, P11Token_lockdb, P11Token_unlockdb);
-        rv = dbLock.lock();
-        if (rv != CKR_OK) return lock.release(rv);
-        rv = P11ObjList_findObjectHandle(token->database->objects, handle, object);
-        rv = dbLock.release(rv);
-        if (rv != CKR_OK) return lock.release(rv);
-    }
-    return lock.release(CKR_OK);
+    return lookUp(token, handle, P11HandleKind::Object, retainObject, object);
+}
+
+CK_RV P11Token_indexObject_inlock(P11Token* token, P11Obj* object)
+{
+    return P11HandleIndex_insert_inlock(token->index, P11Obj_getHandle(object), P11HandleKind::Object, object);
+}
+
+void P11Token_unindex_inlock(P11Token* token, CK_ULONG handle)
+{
+    P11HandleIndex_erase_inlock(token->index, handle);
 }
 
 CK_RV P11Token_objectHandleToPointer(P11Token* token, CK_OBJECT_HANDLE handle, P11Obj** object)
@@ -487,22 +642,24 @@ CK_RV P11Token_findObjects(P11Token* token, P11FindContext* context)
     TokenLock lock(token, P11Token_lock, P11Token_unlock);
     CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
-    rv = forEachSession(token, [&](P11Session* session) { return P11Session_doFindObjects(session, context); });
+    rv = forEachSession(token, [&](P11Session* session) { return P11Session_doFindObjects_inlock(session, context); });
     if (rv != CKR_OK) return lock.release(rv);
     return lock.release(P11DB_FindObjects(token->database, context));
 }
 
-CK_RV P11Token_forgetKey(P11Token* token, P11Obj* key)
+CK_RV P11Token_removeSessionObject(P11Token* token, P11Obj* object)
 {
     TokenLock lock(token, P11Token_lock, P11Token_unlock);
-    const CK_RV rv = lock.lock();
+    CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
-    return lock.release(P11Token_forgetKey_locked(token, key));
-}
-
-CK_RV P11Token_forgetKey_locked(P11Token* token, P11Obj* key)
-{
-    return forEachSession(token, [&](P11Session* session) { return P11Session_forgetKey(session, key); });
+    if (P11Obj_isDead(object)) return lock.release(CKR_OBJECT_HANDLE_INVALID);
+    rv = P11Session_removeObject_inlock(object->session, object);
+    if (rv != CKR_OK) return lock.release(rv);
+    P11Token_unindex_inlock(token, P11Obj_getHandle(object));
+    P11Obj_markDead(object);
+    rv = lock.release(CKR_OK);
+    P11Obj_destruct(&object);  // the session's reference
+    return rv;
 }
 
 CK_RV P11Token_addObject(P11Token* token, P11Obj* object)

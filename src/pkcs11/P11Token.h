@@ -14,11 +14,40 @@ struct P11SessionList;
 struct P11Obj;
 struct P11FindContext;
 struct csprgbg_state;
+struct P11HandleIndex;
 
+// The lock contract, in lock order:
+//
+//  1. The token mutex guards the session list, the counts, the login flags,
+//     the handle index's entries, every session's object lists and the token
+//     database's objects (their refresh included). It is held for look-ups
+//     and list changes only: never while a session mutex is requested, never
+//     while the helper program runs, never while an application callback
+//     other than the mutex callbacks runs. Under it a thread may take object
+//     mutexes (a search compares objects), the handle mutex and the index's
+//     shard locks.
+//  2. A session mutex guards that session's running operation (see
+//     P11Session); it may be held a long time, and nothing but calls on its
+//     own session waits for it.
+//  3. Object mutexes (see P11Obj), at most two, the lower handle first.
+//  4. The handle mutex guards the handle counter and the token's random
+//     generator; under it nothing else is taken. Bulk random bytes are made
+//     outside it (P11Token_generateRandom).
+//  5. The handle index's shard locks (library locking only), innermost.
+//
+// Sessions and objects found by handle are reference counted (P11Session,
+// P11Obj): a call holds what it found until it returns, whatever other
+// threads close, destroy, log out or refresh meanwhile.
+//
+// With the library's own locking, fork handlers take the token mutex, the
+// handle mutex and the shard locks around a fork; the child then sets aside
+// sessions and objects whose mutex a thread of the parent held, so no call
+// of the child waits for a thread it does not have.
 struct P11Token {
     P11DB* database;
     csprgbg_state* rng;
     P11SessionList* sessions;
+    P11HandleIndex* index;
     // Changed under the token mutex; C_GetTokenInfo reads them without it.
     std::atomic<CK_ULONG> sessionCount{0};
     std::atomic<CK_ULONG> rwSessionCount{0};
@@ -40,6 +69,7 @@ CK_RV P11Token_getMechanismList(P11Token* token, CK_MECHANISM_TYPE_PTR list, CK_
 CK_RV P11Token_getMechanismInfo(P11Token* token, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR info);
 CK_RV P11Token_waitForSlotEvent(P11Token* token, CK_FLAGS flags, CK_SLOT_ID_PTR slot);
 
+// The new session comes with a reference for the caller (P11Session_release).
 CK_RV P11Token_openSession(P11Token* token, CK_FLAGS flags, CK_VOID_PTR application, CK_NOTIFY notify,
                            P11Session** session);
 CK_RV P11Token_removeSession(P11Token* token, P11Session* session);
@@ -61,20 +91,26 @@ CK_RV P11Token_seedRNG(P11Token* token, csprgbg_state** rng);
 CK_RV P11Token_getNewSessionHandle(P11Token* token, CK_SESSION_HANDLE* handle);
 CK_RV P11Token_getNewObjectHandle(P11Token* token, CK_OBJECT_HANDLE* handle);
 // Unknown session: CKR_SESSION_CLOSED; unknown object: CKR_OBJECT_HANDLE_INVALID.
+// What they find carries a reference for the caller, who lets it go with
+// P11Session_release or P11Obj_destruct.
 CK_RV P11Token_sessionHandleToPointer(P11Token* token, CK_SESSION_HANDLE handle, P11Session** session);
 CK_RV P11Token_objectHandleToPointer(P11Token* token, CK_OBJECT_HANDLE handle, P11Obj** object);
 CK_RV P11Token_sessionPointerToHandle(P11Token* token, P11Session* session, CK_SESSION_HANDLE* handle);
 CK_RV P11Token_objectPointerToHandle(P11Token* token, P11Obj* object, CK_OBJECT_HANDLE* handle);
+// As above, null when not found.
 CK_RV P11Token_findSessionHandle(P11Token* token, CK_SESSION_HANDLE handle, P11Session** session);
 CK_RV P11Token_findObjectHandle(P11Token* token, CK_OBJECT_HANDLE handle, P11Obj** object);
+// Makes an object reachable by its handle, or no longer; the caller holds
+// the token mutex.
+CK_RV P11Token_indexObject_inlock(P11Token* token, P11Obj* object);
+void P11Token_unindex_inlock(P11Token* token, CK_ULONG handle);
 
 CK_RV P11Token_findObjects(P11Token* token, P11FindContext* context);
-// Ends every session's operation that runs with the given key, before the
-// key object goes away.
-CK_RV P11Token_forgetKey(P11Token* token, P11Obj* key);
-// The same, for a caller that holds the token mutex (the object refresh).
-CK_RV P11Token_forgetKey_locked(P11Token* token, P11Obj* key);
 CK_RV P11Token_addObject(P11Token* token, P11Obj* object);
+// Takes a session object out of its session: its handle is forgotten, it
+// is dead for calls still holding it, and its session's reference goes.
+// CKR_OBJECT_HANDLE_INVALID when another thread was first.
+CK_RV P11Token_removeSessionObject(P11Token* token, P11Obj* object);
 CK_RV P11Token_removeObject(P11Token* token, P11Obj* object);
 CK_RV P11Token_storeObject(P11Token* token, P11Obj* object);
 

@@ -66,22 +66,57 @@ CK_RV keyOf(CK_OBJECT_HANDLE handle, P11Obj** key)
     return rv == CKR_OBJECT_HANDLE_INVALID ? CKR_KEY_HANDLE_INVALID : rv;
 }
 
+// The frame's references to the session and objects it found or made; they
+// are let go on every path when the frame returns.
+class SessionRef {
+public:
+    SessionRef() = default;
+    ~SessionRef() { P11Session_release(&session_); }
+    SessionRef(const SessionRef&) = delete;
+    SessionRef& operator=(const SessionRef&) = delete;
+    P11Session** out() { return &session_; }
+    operator P11Session*() const { return session_; }
+
+private:
+    P11Session* session_ = nullptr;
+};
+
+class ObjectRef {
+public:
+    ObjectRef() = default;
+    ~ObjectRef() { P11Obj_destruct(&object_); }
+    ObjectRef(const ObjectRef&) = delete;
+    ObjectRef& operator=(const ObjectRef&) = delete;
+    P11Obj** out() { return &object_; }
+    operator P11Obj*() const { return object_; }
+    P11Obj* operator->() const { return object_; }
+    // Hands the reference over to a callee that consumes it.
+    P11Obj* release()
+    {
+        P11Obj* object = object_;
+        object_ = nullptr;
+        return object;
+    }
+
+private:
+    P11Obj* object_ = nullptr;
+};
+
 // The entry points whose answer never changes.
 CK_RV fixedAnswer(const char* function, CK_RV rv)
 {
     return P11_traceExit(function, rv);
 }
 
-// Hands a newly created object's handle back, and lets go of the frame's
-// reference to the object on every path.
-CK_RV deliverObject(const char* function, CK_RV rv, P11Obj** object, CK_OBJECT_HANDLE_PTR phObject)
+// Hands a newly created object's handle back; the frame's reference to the
+// object goes with the frame.
+CK_RV deliverObject(const char* function, CK_RV rv, P11Obj* object, CK_OBJECT_HANDLE_PTR phObject)
 {
     if (rv == CKR_OK && phObject) {
-        P11Token_objectPointerToHandle(pToken, *object, phObject);
+        P11Token_objectPointerToHandle(pToken, object, phObject);
         TSQ_Trace(4, "Out:");
         traceObject("*phObject", *phObject);
     }
-    if (rv != CKR_OK) P11Obj_destruct(object);
     return P11_traceExit(function, rv);
 }
 
@@ -192,8 +227,8 @@ KORVO_EXPORT CK_RV C_InitPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pPin, C
     traceHandle("hSession", hSession);
     TSQ_TraceSecureBytes(P11TraceContext, 4, "pPin", pPin, ulPinLen);
     if (!initialized) return P11_traceExit("C_InitPIN", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK) rv = P11Session_initPIN(session, pPin, ulPinLen);
     return P11_traceExit("C_InitPIN", rv);
 }
@@ -206,8 +241,8 @@ KORVO_EXPORT CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin,
     TSQ_TraceSecureBytes(P11TraceContext, 4, "pOldPin", pOldPin, ulOldLen);
     TSQ_TraceSecureBytes(P11TraceContext, 4, "pNewPin", pNewPin, ulNewLen);
     if (!initialized) return P11_traceExit("C_SetPIN", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK) rv = P11Session_setPIN(session, pOldPin, ulOldLen, pNewPin, ulNewLen);
     return P11_traceExit("C_SetPIN", rv);
 }
@@ -221,8 +256,8 @@ KORVO_EXPORT CK_RV C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_VOID_PTR 
     if (!initialized) return P11_traceExit("C_OpenSession", CKR_CRYPTOKI_NOT_INITIALIZED);
     CK_RV rv = checkSlot(slotID);
     if (rv == CKR_OK && !phSession) rv = CKR_ARGUMENTS_BAD;
-    P11Session* session = nullptr;
-    if (rv == CKR_OK) rv = P11Token_openSession(pToken, flags, pApplication, Notify, &session);
+    SessionRef session;
+    if (rv == CKR_OK) rv = P11Token_openSession(pToken, flags, pApplication, Notify, session.out());
     if (rv == CKR_OK) {
         P11Token_sessionPointerToHandle(pToken, session, phSession);
         TSQ_Trace(4, "Out:");
@@ -236,8 +271,8 @@ KORVO_EXPORT CK_RV C_CloseSession(CK_SESSION_HANDLE hSession)
     enter("C_CloseSession");
     traceHandle("hSession", hSession);
     if (!initialized) return P11_traceExit("C_CloseSession", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK) rv = P11Session_closeSession(session);
     return P11_traceExit("C_CloseSession", rv);
 }
@@ -257,8 +292,8 @@ KORVO_EXPORT CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_
     enter("C_GetSessionInfo");
     traceHandle("hSession", hSession);
     if (!initialized) return P11_traceExit("C_GetSessionInfo", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK && !pInfo) rv = CKR_ARGUMENTS_BAD;
     if (rv == CKR_OK) rv = P11Session_getSessionInfo(session, pInfo);
     if (rv == CKR_OK) {
@@ -294,8 +329,8 @@ KORVO_EXPORT CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK
     TSQ_Trace(4, "userType = %s", userTypeToString(userType));
     TSQ_TraceSecureBytes(P11TraceContext, 4, "pPin", pPin, ulPinLen);
     if (!initialized) return P11_traceExit("C_Login", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK) rv = P11Session_login(session, userType, pPin, ulPinLen);
     return P11_traceExit("C_Login", rv);
 }
@@ -305,8 +340,8 @@ KORVO_EXPORT CK_RV C_Logout(CK_SESSION_HANDLE hSession)
     enter("C_Logout");
     traceHandle("hSession", hSession);
     if (!initialized) return P11_traceExit("C_Logout", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK) rv = P11Session_logout(session);
     return P11_traceExit("C_Logout", rv);
 }
@@ -318,12 +353,12 @@ KORVO_EXPORT CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR p
     traceHandle("hSession", hSession);
     TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulCount);
     if (!initialized) return P11_traceExit("C_CreateObject", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
-    P11Obj* object = nullptr;
-    if (rv == CKR_OK) rv = P11Obj_SW_construct(&object);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
+    ObjectRef object;
+    if (rv == CKR_OK) rv = P11Obj_SW_construct(object.out());
     if (rv == CKR_OK) rv = P11Obj_createObject(object, session, pTemplate, ulCount);
-    return deliverObject("C_CreateObject", rv, &object, phObject);
+    return deliverObject("C_CreateObject", rv, object, phObject);
 }
 
 KORVO_EXPORT CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
@@ -334,14 +369,14 @@ KORVO_EXPORT CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hOb
     traceObject("hObject", hObject);
     TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulCount);
     if (!initialized) return P11_traceExit("C_CopyObject", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    P11Obj* source = nullptr;
-    P11Obj* object = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
-    if (rv == CKR_OK) rv = objectOf(hObject, &source);
-    if (rv == CKR_OK) rv = P11Obj_SW_construct(&object);
+    SessionRef session;
+    ObjectRef source;
+    ObjectRef object;
+    CK_RV rv = sessionOf(hSession, session.out());
+    if (rv == CKR_OK) rv = objectOf(hObject, source.out());
+    if (rv == CKR_OK) rv = P11Obj_SW_construct(object.out());
     if (rv == CKR_OK) rv = P11Obj_copyObject(source, object, session, pTemplate, ulCount);
-    return deliverObject("C_CopyObject", rv, &object, phNewObject);
+    return deliverObject("C_CopyObject", rv, object, phNewObject);
 }
 
 KORVO_EXPORT CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject)
@@ -350,11 +385,12 @@ KORVO_EXPORT CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE 
     traceHandle("hSession", hSession);
     traceObject("hObject", hObject);
     if (!initialized) return P11_traceExit("C_DestroyObject", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    P11Obj* object = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
-    if (rv == CKR_OK) rv = objectOf(hObject, &object);
-    if (rv == CKR_OK) rv = P11Session_destroyObject(session, object);
+    SessionRef session;
+    ObjectRef object;
+    CK_RV rv = sessionOf(hSession, session.out());
+    if (rv == CKR_OK) rv = objectOf(hObject, object.out());
+    // The frame's reference goes with the object.
+    if (rv == CKR_OK) rv = P11Session_destroyObject(session, object.release());
     return P11_traceExit("C_DestroyObject", rv);
 }
 
@@ -375,8 +411,8 @@ KORVO_EXPORT CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HAN
     TSQ_TraceAttributes(P11TraceContext, 4, "pTemplate", pTemplate, ulCount);
     if (!initialized) return P11_traceExit("C_GetAttributeValue", CKR_CRYPTOKI_NOT_INITIALIZED);
     // The session handle is deliberately not looked at.
-    P11Obj* object = nullptr;
-    CK_RV rv = objectOf(hObject, &object);
+    ObjectRef object;
+    CK_RV rv = objectOf(hObject, object.out());
     if (rv == CKR_OK) {
         rv = P11Obj_getAttributeValues(object, pTemplate, ulCount);
         TSQ_Trace(4, "Out:");
@@ -393,8 +429,8 @@ KORVO_EXPORT CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HAN
     traceObject("hObject", hObject);
     TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulCount);
     if (!initialized) return P11_traceExit("C_SetAttributeValue", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Obj* object = nullptr;
-    CK_RV rv = objectOf(hObject, &object);
+    ObjectRef object;
+    CK_RV rv = objectOf(hObject, object.out());
     if (rv == CKR_OK) rv = P11Obj_setAttributeValues(object, pTemplate, ulCount);
     return P11_traceExit("C_SetAttributeValue", rv);
 }
@@ -406,8 +442,8 @@ KORVO_EXPORT CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PT
     TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulCount);
     if (!initialized) return P11_traceExit("C_FindObjectsInit", CKR_CRYPTOKI_NOT_INITIALIZED);
     if (hSession == 0) return P11_traceExit("C_FindObjectsInit", CKR_SESSION_HANDLE_INVALID);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK && ulCount && !pTemplate) rv = CKR_ARGUMENTS_BAD;
     if (rv == CKR_OK) rv = P11Session_findObjectsInit(session, pTemplate, ulCount);
     return P11_traceExit("C_FindObjectsInit", rv);
@@ -420,8 +456,8 @@ KORVO_EXPORT CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PT
     traceHandle("hSession", hSession);
     traceHandle("ulMaxObjectCount", ulMaxObjectCount);
     if (!initialized) return P11_traceExit("C_FindObjects", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK && (!pulObjectCount || (ulMaxObjectCount && !phObject))) rv = CKR_ARGUMENTS_BAD;
     if (rv == CKR_OK) rv = P11Session_findObjects(session, phObject, ulMaxObjectCount, pulObjectCount);
     if (rv == CKR_OK) {
@@ -436,8 +472,8 @@ KORVO_EXPORT CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE hSession)
     enter("C_FindObjectsFinal");
     traceHandle("hSession", hSession);
     if (!initialized) return P11_traceExit("C_FindObjectsFinal", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK) rv = P11Session_findObjectsFinal(session);
     return P11_traceExit("C_FindObjectsFinal", rv);
 }
@@ -453,10 +489,10 @@ KORVO_EXPORT CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE hSession)
         traceMechanism(pMechanism);                                                            \
         traceObject("hKey", hKey);                                                             \
         if (!initialized) return P11_traceExit(#Name, CKR_CRYPTOKI_NOT_INITIALIZED);           \
-        P11Session* session = nullptr;                                                         \
-        P11Obj* key = nullptr;                                                                 \
-        CK_RV rv = sessionOf(hSession, &session);                                              \
-        if (rv == CKR_OK) rv = keyOf(hKey, &key);                                              \
+        SessionRef session;                                                         \
+        ObjectRef key;                                                                 \
+        CK_RV rv = sessionOf(hSession, session.out());                                              \
+        if (rv == CKR_OK) rv = keyOf(hKey, key.out());                                              \
         if (rv == CKR_OK) rv = operation(session, key, pMechanism);                            \
         return P11_traceExit(#Name, rv);                                                       \
     }
@@ -479,8 +515,8 @@ KEY_INIT(C_VerifyRecoverInit, P11Session_verifyRecoverInit)
         TSQ_TraceSecureBytes(P11TraceContext, 4, inLabel, pIn, ulInLen);                        \
         traceLength(outLabel "Len", pulOutLen);                                                \
         if (!initialized) return P11_traceExit(#Name, CKR_CRYPTOKI_NOT_INITIALIZED);           \
-        P11Session* session = nullptr;                                                         \
-        CK_RV rv = sessionOf(hSession, &session);                                              \
+        SessionRef session;                                                         \
+        CK_RV rv = sessionOf(hSession, session.out());                                              \
         if (rv == CKR_OK) rv = operation(session, pIn, ulInLen, pOut, pulOutLen);              \
         if (rv == CKR_OK && pOut) {                                                            \
             TSQ_Trace(4, "Out:");                                                              \
@@ -509,8 +545,8 @@ KORVO_EXPORT CK_RV C_EncryptUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart
     traceHandle("hSession", hSession);
     TSQ_TraceSecureBytes(P11TraceContext, 4, "pPart", pPart, ulPartLen);
     traceLength("pulEncryptedPartLen", pulEncryptedPartLen);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK && !initialized) rv = CKR_CRYPTOKI_NOT_INITIALIZED;
     if (rv == CKR_OK) rv = P11Session_encryptUpdate(session, pPart, ulPartLen, pEncryptedPart, pulEncryptedPartLen);
     if (rv == CKR_OK && pEncryptedPart) {
@@ -528,8 +564,8 @@ KORVO_EXPORT CK_RV C_EncryptUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart
         traceHandle("hSession", hSession);                                                     \
         traceLength(outLabel "Len", pulOutLen);                                                \
         if (!initialized) return P11_traceExit(#Name, CKR_CRYPTOKI_NOT_INITIALIZED);           \
-        P11Session* session = nullptr;                                                         \
-        CK_RV rv = sessionOf(hSession, &session);                                              \
+        SessionRef session;                                                         \
+        CK_RV rv = sessionOf(hSession, session.out());                                              \
         if (rv == CKR_OK) rv = operation(session, pOut, pulOutLen);                            \
         if (rv == CKR_OK && pOut) {                                                            \
             TSQ_Trace(4, "Out:");                                                              \
@@ -554,8 +590,8 @@ FINAL_CALL(C_SignFinal, P11Session_signFinal, "pSignature", false)
         traceHandle("hSession", hSession);                                                     \
         TSQ_TraceSecureBytes(P11TraceContext, 4, "pPart", pPart, ulPartLen);                    \
         if (!initialized) return P11_traceExit(#Name, CKR_CRYPTOKI_NOT_INITIALIZED);           \
-        P11Session* session = nullptr;                                                         \
-        CK_RV rv = sessionOf(hSession, &session);                                              \
+        SessionRef session;                                                         \
+        CK_RV rv = sessionOf(hSession, session.out());                                              \
         if (rv == CKR_OK) rv = operation(session, pPart, ulPartLen);                           \
         return P11_traceExit(#Name, rv);                                                       \
     }
@@ -570,8 +606,8 @@ KORVO_EXPORT CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMe
     traceHandle("hSession", hSession);
     traceMechanism(pMechanism);
     if (!initialized) return P11_traceExit("C_DigestInit", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK) rv = P11Session_digestInit(session, pMechanism);
     return P11_traceExit("C_DigestInit", rv);
 }
@@ -582,10 +618,10 @@ KORVO_EXPORT CK_RV C_DigestKey(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hKey
     traceHandle("hSession", hSession);
     traceObject("hKey", hKey);
     if (!initialized) return P11_traceExit("C_DigestKey", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    P11Obj* key = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
-    if (rv == CKR_OK) rv = keyOf(hKey, &key);
+    SessionRef session;
+    ObjectRef key;
+    CK_RV rv = sessionOf(hSession, session.out());
+    if (rv == CKR_OK) rv = keyOf(hKey, key.out());
     if (rv == CKR_OK) rv = P11Session_digestKey(session, key);
     return P11_traceExit("C_DigestKey", rv);
 }
@@ -598,8 +634,8 @@ KORVO_EXPORT CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_UL
     TSQ_TraceSecureBytes(P11TraceContext, 4, "pData", pData, ulDataLen);
     TSQ_TraceBytes(P11TraceContext, 4, "pSignature", pSignature, ulSignatureLen);
     if (!initialized) return P11_traceExit("C_Verify", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK) rv = P11Session_verify(session, pData, ulDataLen, pSignature, ulSignatureLen);
     return P11_traceExit("C_Verify", rv);
 }
@@ -610,8 +646,8 @@ KORVO_EXPORT CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignat
     traceHandle("hSession", hSession);
     TSQ_TraceBytes(P11TraceContext, 4, "pSignature", pSignature, ulSignatureLen);
     if (!initialized) return P11_traceExit("C_VerifyFinal", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK) rv = P11Session_verifyFinal(session, pSignature, ulSignatureLen);
     return P11_traceExit("C_VerifyFinal", rv);
 }
@@ -640,12 +676,12 @@ KORVO_EXPORT CK_RV C_GenerateKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pM
     traceMechanism(pMechanism);
     TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulCount);
     if (!initialized) return P11_traceExit("C_GenerateKey", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    P11Obj* object = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
-    if (rv == CKR_OK) rv = P11Obj_SW_construct(&object);
+    SessionRef session;
+    ObjectRef object;
+    CK_RV rv = sessionOf(hSession, session.out());
+    if (rv == CKR_OK) rv = P11Obj_SW_construct(object.out());
     if (rv == CKR_OK) rv = P11Obj_createAndGenerateKey(object, pMechanism, pTemplate, ulCount, session);
-    return deliverObject("C_GenerateKey", rv, &object, phKey);
+    return deliverObject("C_GenerateKey", rv, object, phKey);
 }
 
 KORVO_EXPORT CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
@@ -659,12 +695,12 @@ KORVO_EXPORT CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PT
     TSQ_TraceAttributeValues(P11TraceContext, 4, "pPublicKeyTemplate", pPublicKeyTemplate, ulPublicKeyAttributeCount);
     TSQ_TraceAttributeValues(P11TraceContext, 4, "pPrivateKeyTemplate", pPrivateKeyTemplate, ulPrivateKeyAttributeCount);
     if (!initialized) return P11_traceExit("C_GenerateKeyPair", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    P11Obj* publicKey = nullptr;
-    P11Obj* privateKey = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
-    if (rv == CKR_OK) rv = P11Obj_SW_construct(&publicKey);
-    if (rv == CKR_OK) rv = P11Obj_SW_construct(&privateKey);
+    SessionRef session;
+    ObjectRef publicKey;
+    ObjectRef privateKey;
+    CK_RV rv = sessionOf(hSession, session.out());
+    if (rv == CKR_OK) rv = P11Obj_SW_construct(publicKey.out());
+    if (rv == CKR_OK) rv = P11Obj_SW_construct(privateKey.out());
     if (rv == CKR_OK)
         rv = P11Obj_createAndGenerateKeyPair(publicKey, privateKey, pMechanism, pPublicKeyTemplate, ulPublicKeyAttributeCount,
                                              pPrivateKeyTemplate, ulPrivateKeyAttributeCount, session);
@@ -674,9 +710,6 @@ KORVO_EXPORT CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PT
         TSQ_Trace(4, "Out:");
         if (phPublicKey) traceObject("*phPublicKey", *phPublicKey);
         if (phPrivateKey) traceObject("*phPrivateKey", *phPrivateKey);
-    } else {
-        P11Obj_destruct(&publicKey);
-        P11Obj_destruct(&privateKey);
     }
     return P11_traceExit("C_GenerateKeyPair", rv);
 }
@@ -691,12 +724,12 @@ KORVO_EXPORT CK_RV C_WrapKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMecha
     traceObject("hKey", hKey);
     traceLength("pulWrappedKeyLen", pulWrappedKeyLen);
     if (!initialized) return P11_traceExit("C_WrapKey", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    P11Obj* wrappingKey = nullptr;
-    P11Obj* key = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
-    if (rv == CKR_OK) rv = keyOf(hWrappingKey, &wrappingKey);
-    if (rv == CKR_OK) rv = keyOf(hKey, &key);
+    SessionRef session;
+    ObjectRef wrappingKey;
+    ObjectRef key;
+    CK_RV rv = sessionOf(hSession, session.out());
+    if (rv == CKR_OK) rv = keyOf(hWrappingKey, wrappingKey.out());
+    if (rv == CKR_OK) rv = keyOf(hKey, key.out());
     if (rv == CKR_OK) rv = P11Obj_wrapKey(wrappingKey, session, pMechanism, key, pWrappedKey, pulWrappedKeyLen);
     if (rv == CKR_OK && pWrappedKey) {
         TSQ_Trace(4, "Out:");
@@ -716,16 +749,16 @@ KORVO_EXPORT CK_RV C_UnwrapKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMec
     TSQ_TraceSecureBytes(P11TraceContext, 4, "pWrappedKey", pWrappedKey, ulWrappedKeyLen);
     TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulAttributeCount);
     if (!initialized) return P11_traceExit("C_UnwrapKey", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    P11Obj* unwrappingKey = nullptr;
-    P11Obj* object = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
-    if (rv == CKR_OK) rv = keyOf(hUnwrappingKey, &unwrappingKey);
-    if (rv == CKR_OK) rv = P11Obj_SW_construct(&object);
+    SessionRef session;
+    ObjectRef unwrappingKey;
+    ObjectRef object;
+    CK_RV rv = sessionOf(hSession, session.out());
+    if (rv == CKR_OK) rv = keyOf(hUnwrappingKey, unwrappingKey.out());
+    if (rv == CKR_OK) rv = P11Obj_SW_construct(object.out());
     if (rv == CKR_OK)
         rv = P11Obj_createAndUnwrapKey(unwrappingKey, pMechanism, pTemplate, ulAttributeCount, session, pWrappedKey,
                                        ulWrappedKeyLen, object);
-    return deliverObject("C_UnwrapKey", rv, &object, phKey);
+    return deliverObject("C_UnwrapKey", rv, object, phKey);
 }
 
 KORVO_EXPORT CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hBaseKey,
@@ -737,23 +770,24 @@ KORVO_EXPORT CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMec
     traceObject("hBaseKey", hBaseKey);
     TSQ_TraceAttributeValues(P11TraceContext, 4, "pTemplate", pTemplate, ulAttributeCount);
     if (!initialized) return P11_traceExit("C_DeriveKey", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    P11Obj* baseKey = nullptr;
-    P11Obj* object = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
-    if (rv == CKR_OK) rv = keyOf(hBaseKey, &baseKey);
-    if (rv == CKR_OK) rv = P11Obj_SW_construct(&object);
+    SessionRef session;
+    ObjectRef baseKey;
+    ObjectRef object;
+    CK_RV rv = sessionOf(hSession, session.out());
+    if (rv == CKR_OK) rv = keyOf(hBaseKey, baseKey.out());
+    if (rv == CKR_OK) rv = P11Obj_SW_construct(object.out());
     if (rv == CKR_OK) rv = P11Obj_createAndDeriveKey(baseKey, pMechanism, pTemplate, ulAttributeCount, session, object);
     if (rv == CKR_OK && !phKey) {
         // Derivations whose results travel in the mechanism parameter leave
         // no new object behind; one that was registered is unregistered.
-        if (object->session || object->token)
-            P11Obj_destroyObject(&object, session);
+        P11Obj* made = object.release();
+        if (made->session || made->token)
+            P11Obj_destroyObject(&made, session);
         else
-            P11Obj_SW_destruct(&object);
+            P11Obj_destruct(&made);
         return P11_traceExit("C_DeriveKey", CKR_OK);
     }
-    return deliverObject("C_DeriveKey", rv, &object, phKey);
+    return deliverObject("C_DeriveKey", rv, object, phKey);
 }
 
 KORVO_EXPORT CK_RV C_SeedRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSeed, CK_ULONG ulSeedLen)
@@ -763,8 +797,8 @@ KORVO_EXPORT CK_RV C_SeedRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSeed, C
     TSQ_TraceSecureBytes(P11TraceContext, 4, "pSeed", pSeed, ulSeedLen);
     if (!initialized) return P11_traceExit("C_SeedRandom", CKR_CRYPTOKI_NOT_INITIALIZED);
     if (ulSeedLen && !pSeed) return P11_traceExit("C_SeedRandom", CKR_ARGUMENTS_BAD);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK) rv = P11Session_seedRandom(session, pSeed, ulSeedLen);
     return P11_traceExit("C_SeedRandom", rv);
 }
@@ -775,8 +809,8 @@ KORVO_EXPORT CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR Rand
     traceHandle("hSession", hSession);
     traceHandle("ulRandomLen", ulRandomLen);
     if (!initialized) return P11_traceExit("C_GenerateRandom", CKR_CRYPTOKI_NOT_INITIALIZED);
-    P11Session* session = nullptr;
-    CK_RV rv = sessionOf(hSession, &session);
+    SessionRef session;
+    CK_RV rv = sessionOf(hSession, session.out());
     if (rv == CKR_OK && ulRandomLen && !RandomData) rv = CKR_ARGUMENTS_BAD;
     if (rv == CKR_OK) rv = P11Session_generateRandom(session, RandomData, ulRandomLen);
     if (rv == CKR_OK) {

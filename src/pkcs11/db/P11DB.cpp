@@ -82,9 +82,16 @@ public:
         if (added) {
             CK_OBJECT_HANDLE handle = 0;
             rv = P11Token_getNewObjectHandle(db_->token, &handle);
-            if (rv != CKR_OK) return rv;
-            P11Obj_setHandle(object, handle);
-            object->token = db_->token;  // a token object: the token refuses changes to it
+            if (rv == CKR_OK) {
+                P11Obj_setHandle(object, handle);
+                object->token = db_->token;  // a token object: the token refuses changes to it
+                rv = P11Token_indexObject_inlock(db_->token, object);
+            }
+            if (rv != CKR_OK) {
+                P11ObjList_remove(db_->objects, object);
+                P11Obj_destruct(&object);
+                return rv;
+            }
         }
         sources_[key] = P11DB_Source{*certificate.der, owner};
         return CKR_OK;
@@ -102,13 +109,11 @@ public:
             const CK_ATTRIBUTE* id = nullptr;
             if (P11Obj_peekAttribute(gone, CKA_ID, &id) == CKR_OK && id)
                 sources_.erase(identityKey(gone->clazz, static_cast<const CK_BYTE*>(id->pValue), id->ulValueLen));
-            // No session may go on signing or decrypting with it.
-            rv = P11Token_forgetKey_locked(db_->token, gone);
-            if (rv == CKR_OK) rv = P11ObjList_add(db_->retired, gone);
-            if (rv != CKR_OK) {
-                P11Obj_destruct(&gone);
-                return rv;
-            }
+            // Its handle is forgotten; a call or an operation that still
+            // holds it finds it dead, and the last of them frees it.
+            P11Token_unindex_inlock(db_->token, P11Obj_getHandle(gone));
+            P11Obj_markDead(gone);
+            P11Obj_destruct(&gone);
         }
     }
 
@@ -201,7 +206,7 @@ CK_RV refreshObjects(P11DB* db)
 
 CK_RV P11DB_Initialize(P11DB** db, P11Token* token, const char*)
 {
-    P11DB* d = new (std::nothrow) P11DB{token, nullptr, {0, 0}, {0, 0, 0}, nullptr, nullptr, nullptr};
+    P11DB* d = new (std::nothrow) P11DB{token, nullptr, {0, 0}, {0, 0, 0}, nullptr, nullptr};
     if (!d) return CKR_HOST_MEMORY;
     d->sources = new (std::nothrow) P11DB_Sources;
     d->watch = new (std::nothrow) FolderWatch;
@@ -213,10 +218,8 @@ CK_RV P11DB_Initialize(P11DB** db, P11Token* token, const char*)
     }
     CK_RV rv = P11ObjList_construct(&d->objects);
     if (rv == CKR_OK) rv = P11ObjList_enableIdentityIndex(d->objects);
-    if (rv == CKR_OK) rv = P11ObjList_construct(&d->retired);
     if (rv != CKR_OK) {
         P11ObjList_destruct(&d->objects);
-        P11ObjList_destruct(&d->retired);
         delete d->sources;
         delete d->watch;
         delete d;
@@ -230,11 +233,8 @@ CK_RV P11DB_Finalize(P11DB* db)
 {
     // Nothing is stored anywhere; only the mirrored objects are let go.
     if (!db) return CKR_OK;
-    CK_RV rv = P11ObjList_destroyAllObjects(db->objects);
-    const CK_RV retiredRv = P11ObjList_destroyAllObjects(db->retired);
-    if (rv == CKR_OK) rv = retiredRv;
+    const CK_RV rv = P11ObjList_destroyAllObjects(db->objects);
     P11ObjList_destruct(&db->objects);
-    P11ObjList_destruct(&db->retired);
     delete db->sources;
     delete db->watch;
     delete db;

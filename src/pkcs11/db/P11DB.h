@@ -24,10 +24,6 @@ struct P11DB {
     // What each token object was last built from, so that a refresh reuses
     // the objects of unchanged certificates instead of building them anew.
     P11DB_Sources* sources;
-    // Objects whose file went away. No handle reaches them any more, but a
-    // call in another session that looked one up just before it went may
-    // still hold its address: they are freed when the token finalises.
-    P11ObjList* retired;
     // Tells when nothing in the certificate folders changed since the last
     // complete refresh, so that a search can skip reading them.
     FolderWatch* watch;
@@ -64,10 +60,11 @@ CK_RV P11DB_unlock(P11DB* db, P11LockRecord* record);
 // certificate, per root CA certificate a certificate and a trust object.
 // An object already in the list with the same class and CKA_ID keeps its
 // handle (and takes the new content); objects whose file is gone leave the
-// list, ending any operation that uses them. An object is built only
+// list and die (calls and operations that still hold one see it dead). An object is built only
 // when its certificate bytes (and, for a key, its owner) differ from what
 // it was built from last time, and the folders are not read at all while
 // the kernel reports no change in them since the last complete refresh. A certificate that cannot be made into its
 // objects fails the search with CKR_FUNCTION_FAILED (CKR_HOST_MEMORY for
 // memory); what was registered before stays and nothing is pruned then.
+// Runs under the token mutex.
 CK_RV P11DB_FindObjects(P11DB* db, P11FindContext* context);

@@ -65,6 +65,10 @@ public:
     // Replaces the entry with copies of the three slices.
     void Insert(const ByteArray_constSlice& digest, const ByteArray_constSlice& input,
                 const ByteArray_constSlice& result);
+    // Held by the forking thread across a fork, so that the child never
+    // inherits the entry half written.
+    void lockForFork() { mutex_.lock(); }
+    void unlockForFork() { mutex_.unlock(); }
 
 private:
     std::mutex mutex_;

@@ -1,27 +1,74 @@
 #include "pkcs11/objects/P11Obj.h"
 
+#include <utility>
+
 #include "pkcs11/db/Tavik_p11trace.h"
 
 namespace {
 
+// The object whose member this thread runs under the dispatcher's lock, and
+// the dispatcher's lock record, for P11Obj_runUnlocked. Plain pointers: no
+// constructor or destructor runs for them.
+struct Dispatch {
+    P11Obj* object;
+    P11LockRecord* record;
+};
+thread_local Dispatch currentDispatch = {nullptr, nullptr};
+
 // Locks the key, calls one member of its class with the remaining
 // arguments, and unlocks on every path. A class without the member (the
-// certificate and trust classes have no operations) refuses the use.
+// certificate and trust classes have no operations) refuses the use, and a
+// key that went away meanwhile is answered as an unknown key.
 template <typename Member, typename... Args>
 CK_RV dispatchLocked(P11Obj* key, Member P11ObjClass::*member, Args... args)
 {
-    if (!key) return CKR_KEY_HANDLE_INVALID;
+    if (!key || P11Obj_isDead(key)) return CKR_KEY_HANDLE_INVALID;
     const Member function = key->clazz->*member;
     if (!function) return CKR_KEY_FUNCTION_NOT_PERMITTED;
     P11LockRecord record = nullptr;
     CK_RV rv = P11Obj_lock(key, &record);
     if (rv != CKR_OK) return rv;
-    rv = function(key, args...);
+    if (P11Obj_isDead(key)) {
+        rv = CKR_KEY_HANDLE_INVALID;
+    } else {
+        const Dispatch outer = currentDispatch;
+        currentDispatch = {key, &record};
+        rv = function(key, args...);
+        currentDispatch = outer;
+    }
     const CK_RV unlockRv = P11Obj_unlock(key, &record);
     return rv != CKR_OK ? rv : unlockRv;
 }
 
 }  // namespace
+
+void P11Obj_retain(P11Obj* object)
+{
+    object->refs.fetch_add(1, std::memory_order_relaxed);
+}
+
+bool P11Obj_isDead(const P11Obj* object)
+{
+    return object->dead.load(std::memory_order_acquire);
+}
+
+void P11Obj_markDead(P11Obj* object)
+{
+    object->dead.store(true, std::memory_order_release);
+}
+
+CK_RV P11Obj_runUnlocked(P11Obj* object, CK_RV (*work)(void* context), void* context)
+{
+    const Dispatch dispatch = currentDispatch;
+    if (dispatch.object != object || !dispatch.record || !*dispatch.record) return work(context);
+    CK_RV rv = P11Obj_unlock(object, dispatch.record);
+    if (rv != CKR_OK) return rv;
+    rv = work(context);
+    // A failed lock leaves the record empty, so the dispatcher's unlock
+    // then does nothing.
+    const CK_RV lockRv = P11Obj_lock(object, dispatch.record);
+    return rv != CKR_OK ? rv : lockRv;
+}
 
 CK_OBJECT_HANDLE P11Obj_getHandle(const P11Obj* object)
 {
@@ -83,7 +130,8 @@ CK_RV P11Obj_compareToTemplate(P11Obj* object, CK_ATTRIBUTE_PTR attributes, CK_U
     P11LockRecord record = nullptr;
     CK_RV rv = P11Obj_lock(object, &record);
     if (rv != CKR_OK) return rv;
-    *match = CK_TRUE;
+    // An object on its way out is no longer found.
+    *match = P11Obj_isDead(object) ? CK_FALSE : CK_TRUE;
     for (CK_ULONG i = 0; i < count && rv == CKR_OK && *match; ++i) rv = P11Obj_compare(object, &attributes[i], match);
     const CK_RV unlockRv = P11Obj_unlock(object, &record);
     return rv != CKR_OK ? rv : unlockRv;
@@ -92,10 +140,12 @@ CK_RV P11Obj_compareToTemplate(P11Obj* object, CK_ATTRIBUTE_PTR attributes, CK_U
 CK_RV P11Obj_destruct(P11Obj** object)
 {
     if (!object || !*object) return CKR_OK;
-    P11LockRecord record = nullptr;
-    CK_RV rv = P11Obj_lock(*object, &record);
-    if (rv == CKR_OK) rv = P11Obj_unlock(*object, &record);
-    if (rv != CKR_OK) return rv;
+    // Nobody else can reach an object whose last reference this is, so no
+    // lock is needed to free it.
+    if ((*object)->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) {
+        *object = nullptr;
+        return CKR_OK;
+    }
     return (*object)->clazz->destruct(object);
 }
 
@@ -233,17 +283,24 @@ CK_RV P11Obj_generateKeyPair(P11Obj* privateKey, P11Obj* publicKey, P11Session* 
 CK_RV P11Obj_wrapKey(P11Obj* wrappingKey, P11Session* session, CK_MECHANISM_PTR mechanism, P11Obj* key, CK_BYTE_PTR out,
                      CK_ULONG_PTR outLen)
 {
-    if (!wrappingKey) return CKR_WRAPPING_KEY_HANDLE_INVALID;
-    if (!key) return CKR_KEY_HANDLE_INVALID;
+    if (!wrappingKey || P11Obj_isDead(wrappingKey)) return CKR_WRAPPING_KEY_HANDLE_INVALID;
+    if (!key || P11Obj_isDead(key)) return CKR_KEY_HANDLE_INVALID;
     if (!wrappingKey->clazz->wrapKey) return CKR_KEY_FUNCTION_NOT_PERMITTED;
-    // Wrapping key first, then the key to wrap; released in reverse order.
-    P11LockRecord wrappingRecord = nullptr;
-    P11LockRecord keyRecord = nullptr;
-    CK_RV rv = P11Obj_lock(wrappingKey, &wrappingRecord);
-    if (rv == CKR_OK) rv = P11Obj_lock(key, &keyRecord);
+    // A key wrapping itself is locked once; two keys in one global order,
+    // the lower handle first, so that two threads wrapping A with B and B
+    // with A cannot wait for each other. Released in reverse order.
+    P11Obj* first = wrappingKey;
+    P11Obj* second = key == wrappingKey ? nullptr : key;
+    if (second && P11Obj_getHandle(second) < P11Obj_getHandle(first)) std::swap(first, second);
+    P11LockRecord firstRecord = nullptr;
+    P11LockRecord secondRecord = nullptr;
+    CK_RV rv = P11Obj_lock(first, &firstRecord);
+    if (rv == CKR_OK && second) rv = P11Obj_lock(second, &secondRecord);
+    if (rv == CKR_OK && P11Obj_isDead(wrappingKey)) rv = CKR_WRAPPING_KEY_HANDLE_INVALID;
+    if (rv == CKR_OK && P11Obj_isDead(key)) rv = CKR_KEY_HANDLE_INVALID;
     if (rv == CKR_OK) rv = wrappingKey->clazz->wrapKey(wrappingKey, session, mechanism, key, out, outLen);
-    const CK_RV keyUnlockRv = P11Obj_unlock(key, &keyRecord);
-    const CK_RV wrappingUnlockRv = P11Obj_unlock(wrappingKey, &wrappingRecord);
+    const CK_RV secondUnlockRv = second ? P11Obj_unlock(second, &secondRecord) : CKR_OK;
+    const CK_RV firstUnlockRv = P11Obj_unlock(first, &firstRecord);
     if (rv != CKR_OK) return rv;
-    return keyUnlockRv != CKR_OK ? keyUnlockRv : wrappingUnlockRv;
+    return secondUnlockRv != CKR_OK ? secondUnlockRv : firstUnlockRv;
 }

@@ -4,6 +4,7 @@
 // P11Obj_* functions below are the only way the rest of the library touches
 // an object: they take the object's lock and dispatch through the record.
 
+#include <atomic>
 #include <cstdint>
 
 #include "pkcs11/P11Mutex.h"
@@ -51,13 +52,33 @@ struct P11ObjClass {
 };
 
 // The common header of every object; each class's record extends it.
+//
+// Lifetime: an object is reference counted. Its constructor hands out the
+// first reference; the list that holds it (a session's, the token
+// database's) holds one, every call that found it by handle holds one until
+// it returns, and a session's running operation holds one on its key. The
+// record is freed when the last reference goes (P11Obj_destruct), so a call
+// never sees the memory of an object another thread destroyed.
+//
+// An object that leaves its list (destroyed, its session closed, the user
+// logged out, its certificate gone) is marked dead at once, under the token
+// mutex; a call that still holds it answers as if the handle were unknown.
+//
+// The object mutex guards the attributes and serialises the operations
+// dispatched to the object. Lock order: it is taken after the token mutex
+// or a session mutex, never before them, and at most two object mutexes
+// are held at once (C_WrapKey: the lower handle first). While holding it a
+// thread may take only the handle mutex (random numbers). It is never held
+// while the helper program runs (P11Obj_runUnlocked).
 struct P11Obj {
     const P11ObjClass* clazz;
     P11Token* token;        // owner of a token object
-    P11Session* session;    // owner of a session object
+    P11Session* session;    // owner of a session object; read only while not dead
     CK_OBJECT_HANDLE handle;
     uint64_t dbid;
     P11MutexHandle mutex;
+    std::atomic<long> refs{1};
+    std::atomic<bool> dead{false};
 };
 
 CK_OBJECT_HANDLE P11Obj_getHandle(const P11Obj* object);
@@ -98,6 +119,26 @@ CK_RV P11Obj_completeObject(P11Obj* object, P11Session* session, P11Token* token
 CK_RV P11Obj_addObject(P11Obj* object, P11Session* session);
 CK_RV P11Obj_removeObject(P11Obj* object, P11Session* session);
 
+// Lifetime (see P11Obj above). P11Obj_destruct drops one reference.
+void P11Obj_retain(P11Obj* object);
+bool P11Obj_isDead(const P11Obj* object);
+void P11Obj_markDead(P11Obj* object);
+
+// For a member that must wait on something slow (the helper program) while
+// its dispatcher holds the object's mutex: runs `work` with that mutex
+// released and takes it back afterwards, so that searches and attribute
+// reads of the object go on meanwhile. `work` must not touch the object:
+// what it needs is copied before. Outside a dispatched member it just runs
+// `work`. If the mutex cannot be taken back (a failing application lock
+// callback), that failure is returned and the dispatcher does not unlock.
+CK_RV P11Obj_runUnlocked(P11Obj* object, CK_RV (*work)(void* context), void* context);
+template <typename Work>
+CK_RV P11Obj_runUnlocked(P11Obj* object, Work work)
+{
+    return P11Obj_runUnlocked(
+        object, [](void* context) { return (*static_cast<Work*>(context))(); }, &work);
+}
+
 // Peek, compare and typed reads without locking.
 CK_RV P11Obj_peekAttribute(P11Obj* object, CK_ATTRIBUTE_TYPE type, const CK_ATTRIBUTE** attribute);
 CK_RV P11Obj_compare(P11Obj* object, const CK_ATTRIBUTE* attribute, CK_BBOOL* match);
@@ -107,11 +148,13 @@ CK_RV P11Obj_isPrivate(P11Obj* object, CK_BBOOL* isPrivate);
 // True when every template entry is held with equal bytes; an empty
 // template matches everything.
 CK_RV P11Obj_compareToTemplate(P11Obj* object, CK_ATTRIBUTE_PTR attributes, CK_ULONG count, CK_BBOOL* match);
-// Waits out current users of the object, then frees it; null is fine.
+// Drops one reference and clears the pointer; the last one frees the
+// object through its class. Null is fine.
 CK_RV P11Obj_destruct(P11Obj** object);
 
 // Dispatchers of the cryptographic members: the object is locked for the
-// member call. A null key gives CKR_KEY_HANDLE_INVALID.
+// member call. A null key, or one that went away, gives
+// CKR_KEY_HANDLE_INVALID.
 CK_RV P11Obj_encryptInit(P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
 CK_RV P11Obj_encrypt(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
 CK_RV P11Obj_encryptUpdate(P11Obj* key, P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen);
@@ -152,6 +195,8 @@ CK_RV P11Obj_createAndUnwrapKey(P11Obj* unwrappingKey, CK_MECHANISM_PTR mechanis
                                 P11Session* session, CK_BYTE_PTR wrapped, CK_ULONG wrappedLen, P11Obj* object);
 CK_RV P11Obj_createAndDeriveKey(P11Obj* baseKey, CK_MECHANISM_PTR mechanism, CK_ATTRIBUTE_PTR attributes, CK_ULONG count,
                                 P11Session* session, P11Obj* object);
+// Takes the object out of its owner's list and drops the caller's
+// reference (on every path).
 CK_RV P11Obj_destroyObject(P11Obj** object, P11Session* session);
 CK_RV P11Obj_getAttributeValues(P11Obj* object, CK_ATTRIBUTE_PTR attributes, CK_ULONG count);
 CK_RV P11Obj_setAttributeValues(P11Obj* object, CK_ATTRIBUTE_PTR attributes, CK_ULONG count);

@@ -30,6 +30,8 @@ CK_RV markAsImported(P11Obj* object, bool ignoreUnstorable)
 
 bool holdsFalse(P11Obj* object, CK_ATTRIBUTE_TYPE type)
 {
+    ObjectLock lock(object);
+    if (lock.lock() != CKR_OK) return false;
     CK_BBOOL value = CK_TRUE;
     return P11Obj_getBoolValue(object, type, &value) == CKR_OK && value == CK_FALSE;
 }
@@ -221,7 +223,9 @@ CK_RV P11Obj_removeObject(P11Obj* object, P11Session* session)
         if (!P11Session_isReadWrite(session)) return CKR_SESSION_READ_ONLY;
         return P11Token_removeObject(object->token, object);
     }
-    if (object->session) return P11Session_removeObject(object->session, object);
+    // The owning session is only read under the token mutex, once the
+    // object is known to be alive (a closed session's objects are dead).
+    if (object->session) return P11Token_removeSessionObject(P11Session_getToken(session), object);
     return CKR_GENERAL_ERROR;
 }
 
@@ -239,15 +243,22 @@ CK_RV P11Obj_createObject(P11Obj* object, P11Session* session, CK_ATTRIBUTE_PTR 
 
 CK_RV P11Obj_copyObject(P11Obj* source, P11Obj* object, P11Session* session, CK_ATTRIBUTE_PTR attributes, CK_ULONG count)
 {
-    ObjectLock lock(source);
-    CK_RV rv = lock.lock();
-    if (rv != CKR_OK) return rv;
-    rv = source->clazz->copy(source, object);
-    if (rv == CKR_OK) rv = CheckTemplate(source, attributes, count, P11_TEMPLATE_COPY);
-    if (rv == CKR_OK) rv = P11Obj_setAttributesfromTemplate(object, attributes, count);
+    // The source is locked while it is read; the copy is completed and
+    // registered without it, since registering takes the token mutex.
+    {
+        ObjectLock lock(source);
+        CK_RV rv = lock.lock();
+        if (rv != CKR_OK) return rv;
+        if (P11Obj_isDead(source)) return lock.release(CKR_OBJECT_HANDLE_INVALID);
+        rv = source->clazz->copy(source, object);
+        if (rv == CKR_OK) rv = CheckTemplate(source, attributes, count, P11_TEMPLATE_COPY);
+        rv = lock.release(rv);
+        if (rv != CKR_OK) return rv;
+    }
+    CK_RV rv = P11Obj_setAttributesfromTemplate(object, attributes, count);
     if (rv == CKR_OK) rv = P11Obj_completeObject(object, session, P11Session_getToken(session));
     if (rv == CKR_OK) rv = P11Obj_addObject(object, session);
-    return lock.release(rv);
+    return rv;
 }
 
 CK_RV P11Obj_createAndGenerateKey(P11Obj* object, CK_MECHANISM_PTR mechanism, CK_ATTRIBUTE_PTR attributes, CK_ULONG count,
@@ -314,16 +325,13 @@ CK_RV P11Obj_createAndDeriveKey(P11Obj* baseKey, CK_MECHANISM_PTR mechanism, CK_
 
 CK_RV P11Obj_destroyObject(P11Obj** object, P11Session* session)
 {
-    // Wait for whoever uses the object now.
-    ObjectLock lock(*object);
-    CK_RV rv = lock.lock();
-    if (rv == CKR_OK) rv = lock.release(CKR_OK);
-    if (rv != CKR_OK) return rv;
-    rv = P11Obj_removeObject(*object, session);
-    if (rv != CKR_OK) return rv;
-    // No session may go on using it as the key of a running operation.
-    P11Token_forgetKey(P11Session_getToken(session), *object);
-    return P11Obj_destruct(object);
+    if (!*object) return CKR_OBJECT_HANDLE_INVALID;
+    // Calls that hold the object finish with it (they hold references);
+    // from now on its handle is unknown and a running operation with it as
+    // its key answers CKR_KEY_HANDLE_INVALID.
+    const CK_RV rv = P11Obj_removeObject(*object, session);
+    P11Obj_destruct(object);
+    return rv;
 }
 
 CK_RV P11Obj_getAttributeValues(P11Obj* object, CK_ATTRIBUTE_PTR attributes, CK_ULONG count)
@@ -332,6 +340,7 @@ CK_RV P11Obj_getAttributeValues(P11Obj* object, CK_ATTRIBUTE_PTR attributes, CK_
     ObjectLock lock(object);
     CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
+    if (P11Obj_isDead(object)) return lock.release(CKR_OBJECT_HANDLE_INVALID);
     CK_BBOOL sensitive = CK_FALSE;
     rv = ObjIsSensitive(object, &sensitive);
     if (rv != CKR_OK) return lock.release(rv);
@@ -355,6 +364,7 @@ CK_RV P11Obj_setAttributeValues(P11Obj* object, CK_ATTRIBUTE_PTR attributes, CK_
     ObjectLock lock(object);
     CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
+    if (P11Obj_isDead(object)) return lock.release(CKR_OBJECT_HANDLE_INVALID);
     rv = ObjModifiable(object);
     if (rv == CKR_OK) rv = CheckTemplate(object, attributes, count, P11_TEMPLATE_SET);
     // Entries are set in order; those before a failure stay changed.

@@ -97,15 +97,20 @@ CK_RV P11Session_digestUpdate_do(P11Session* session, CK_BYTE_PTR data, CK_ULONG
 
 CK_RV P11Session_digestKey_do(P11Session* session, P11Obj* key)
 {
-    const CK_ATTRIBUTE* value = nullptr;
-    CK_RV rv = P11Obj_peekAttribute(key, CKA_VALUE, &value);
+    if (!key) return CKR_KEY_HANDLE_INVALID;
+    // The key's value is read under its lock (session mutex, then object).
+    P11LockGuard<P11Obj> lock(key, P11Obj_lock, P11Obj_unlock);
+    CK_RV rv = lock.lock();
     if (rv != CKR_OK) return rv;
-    if (!value) return CKR_ATTRIBUTE_TYPE_INVALID;
+    if (P11Obj_isDead(key)) return lock.release(CKR_KEY_HANDLE_INVALID);
+    const CK_ATTRIBUTE* value = nullptr;
+    rv = P11Obj_peekAttribute(key, CKA_VALUE, &value);
+    if (rv != CKR_OK) return lock.release(rv);
+    if (!value) return lock.release(CKR_ATTRIBUTE_TYPE_INVALID);
     P11OperationData_hashmech* record = runningDigest(session);
-    if (!record) return CKR_MECHANISM_INVALID;
-    return do_hash(record->hash, static_cast<const unsigned char*>(value->pValue), value->ulValueLen) == CRYPTO_OK
-               ? CKR_OK
-               : CKR_GENERAL_ERROR;
+    if (!record) return lock.release(CKR_MECHANISM_INVALID);
+    const bool hashed = do_hash(record->hash, static_cast<const unsigned char*>(value->pValue), value->ulValueLen) == CRYPTO_OK;
+    return lock.release(hashed ? CKR_OK : CKR_GENERAL_ERROR);
 }
 
 CK_RV P11Session_digest_do(P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen)

@@ -89,7 +89,7 @@ protected:
     {
         runLog = testsupport::freshDirectory("helper-runs") + "/runs.txt";
         setenv("KORVO_HELPER_RUN_LOG", runLog.toLocal8Bit().constData(), 1);
-        key = makeKey();
+        makeKey(key);
     }
     void TearDown() override
     {
@@ -100,9 +100,8 @@ protected:
 
     // A key object under a fresh certificate digest, its private key in the
     // user's key folder, so no earlier cache entry can answer for it.
-    FakeKey makeKey()
+    void makeKey(FakeKey& made)
     {
-        FakeKey made;
         made.header.clazz = &kKeyClass;
         made.digest.resize(32);
         RAND_bytes(made.digest.data(), 32);
@@ -123,7 +122,6 @@ protected:
             EXPECT_EQ(PEM_write_PrivateKey(file, rsaKey, nullptr, nullptr, 0, nullptr, nullptr), 1);
             std::fclose(file);
         }
-        return made;
     }
 
     Bytes block(unsigned char fill) const
@@ -215,7 +213,8 @@ TEST_F(HelperTest, RawResultEqualsOpenSslsAndSizeQueriesAndRetriesRunTheHelperOn
 
     // Another input, or the same input under another certificate, runs it again.
     ASSERT_EQ(run(key, block(0x34), &output, key.modulus.size()), CKR_OK);
-    FakeKey other = makeKey();
+    FakeKey other;
+    makeKey(other);
     ASSERT_EQ(run(other, block(0x34), &output, key.modulus.size()), CKR_OK);
     EXPECT_EQ(runs().size(), 3);
 }
@@ -246,7 +245,8 @@ TEST_F(HelperTest, HelperOutcomeDecidesTheResultButNotACachedOne)
         SCOPED_TRACE(c.mode ? c.mode : c.output);
         c.mode ? setenv("KORVO_HELPER_TEST_MODE", c.mode, 1) : unsetenv("KORVO_HELPER_TEST_MODE");
         c.output ? setenv("KORVO_HELPER_TEST_OUTPUT", c.output, 1) : unsetenv("KORVO_HELPER_TEST_OUTPUT");
-        FakeKey fresh = makeKey();  // a new digest: no cached result answers
+        FakeKey fresh;  // a new digest: no cached result answers
+        makeKey(fresh);
         ASSERT_EQ(run(fresh, block(8), &output, key.modulus.size()), c.rv);
         if (c.rv == CKR_OK) {
             EXPECT_EQ(output, c.expected);
@@ -259,7 +259,8 @@ TEST_F(HelperTest, ArgumentsAreCheckedBeforeAnyRun)
     Bytes input = block(13), output(key.modulus.size());
     unsigned long length = output.size();
     EXPECT_EQ(Tavik_RSA_decrypt(nullptr, nullptr, input.data(), input.size(), output.data(), &length, kAccess), CKR_KEY_NEEDED);
-    FakeKey other = makeKey();
+    FakeKey other;
+    makeKey(other);
     other.header.clazz = &kOtherClass;
     EXPECT_EQ(Tavik_RSA_decrypt(nullptr, &other.header, input.data(), input.size(), output.data(), &length, kAccess),
               CKR_KEY_TYPE_INCONSISTENT);
