@@ -68,8 +68,9 @@ struct P11ObjClass {
 // dispatched to the object. Lock order: it is taken after the token mutex
 // or a session mutex, never before them, and at most two object mutexes
 // are held at once (C_WrapKey: the lower handle first). While holding it a
-// thread may take only the handle mutex (random numbers). It is never held
-// while the helper program runs (P11Obj_runUnlocked).
+// thread may take only the handle mutex (random numbers), so a member that
+// makes objects of its own registers them (token mutex) through
+// P11Obj_runUnlocked. It is never held while the helper program runs.
 struct P11Obj {
     const P11ObjClass* clazz;
     P11Token* token;        // owner of a token object
