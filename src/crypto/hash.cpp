@@ -136,6 +136,35 @@ int stop_hash(hash_context* ctx, unsigned char* digest)
     return rc;
 }
 
+int finish_hash(hash_context* ctx, unsigned char* digest)
+{
+    if (ctx == nullptr || digest == nullptr)
+        return CRYPTO_ERR_BAD_PARAMETER;
+    if (ctx->md == nullptr) {
+        md2_final(&ctx->md2, digest);
+        return CRYPTO_OK;
+    }
+    return EVP_DigestFinal_ex(ctx->md, digest, nullptr) == 1 ? CRYPTO_OK : CRYPTO_ERR_FAILED;
+}
+
+int restart_hash(hash_context* ctx)
+{
+    if (ctx == nullptr)
+        return CRYPTO_ERR_BAD_PARAMETER;
+    if (ctx->md == nullptr) {
+        md2_init(&ctx->md2);
+        return CRYPTO_OK;
+    }
+    OsslErrorGuard guard;
+    // The algorithm the context already has; libcrypto keeps its state.
+    return EVP_DigestInit_ex2(ctx->md, nullptr, nullptr) == 1 ? CRYPTO_OK : CRYPTO_ERR_FAILED;
+}
+
+int hash_id(const hash_context* ctx)
+{
+    return ctx != nullptr ? ctx->hashId : 0;
+}
+
 void abort_hash(hash_context* ctx)
 {
     if (ctx != nullptr)

@@ -36,6 +36,19 @@ int do_hash(hash_context* ctx, const unsigned char* data, size_t len);
 // context is freed in every case, even when an error is returned.
 int stop_hash(hash_context* ctx, unsigned char* digest);
 
+// Finishes the hash like stop_hash() but keeps the context, so that it can
+// be started over with restart_hash(): a caller that hashes many short
+// messages reuses one context, libcrypto's state included, instead of
+// making and freeing one per message. On failure the caller still has to
+// abort it.
+int finish_hash(hash_context* ctx, unsigned char* digest);
+
+// Starts a finished (or running) hash over with the same algorithm.
+int restart_hash(hash_context* ctx);
+
+// The identifier a context was started with.
+int hash_id(const hash_context* ctx);
+
 // Frees a running hash without producing output. Null is ignored.
 void abort_hash(hash_context* ctx);
 

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "crypto/hash.h"
 #include "pkcs11/P11ObjList.h"
 #include "pkcs11/P11OperationData.h"
 #include "pkcs11/P11Token.h"
@@ -144,6 +145,8 @@ void killObjects_inlock(P11Token* token, P11ObjList* list)
 CK_RV destroyParts(P11Session* session)
 {
     endOperation(session);
+    abort_hash(session->spareHash);
+    session->spareHash = nullptr;
     CK_RV rv = CKR_OK;
     if (session->publicObjects) {
         if ((rv = P11ObjList_destroyAllObjects(session->publicObjects)) != CKR_OK) return rv;

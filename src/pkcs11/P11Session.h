@@ -14,6 +14,7 @@ struct P11Obj;
 struct P11ObjList;
 struct P11FindContext;
 struct P11OperationData;
+struct hash_context;
 
 // The active operation of a session.
 enum P11Operation : uint32_t {
@@ -35,7 +36,7 @@ enum P11Operation : uint32_t {
 //     handle look-ups, login and logout of other sessions reach them
 //     without waiting for this session's running operation);
 //   - the session mutex: the operation state (activeOperation, findContext,
-//     operationData, operationKey). It is held for a whole operation call,
+//     operationData, operationKey, spareHash). It is held for a whole operation call,
 //     the helper program's run included, and only by calls on this session:
 //     no thread takes it while holding the token mutex, and while holding it
 //     a thread takes only object mutexes and the handle mutex.
@@ -47,7 +48,10 @@ enum P11Operation : uint32_t {
 // finishes, and the record (its operation state and its mutex) is freed
 // when the last reference goes. Calls that lock a closed session answer
 // CKR_SESSION_CLOSED.
-struct P11Session {
+//
+// A record fills whole cache lines, so that two threads working in two
+// sessions do not share one.
+struct alignas(64) P11Session {
     P11Token* token;
     CK_SESSION_HANDLE handle;
     P11ObjList* publicObjects;
@@ -61,6 +65,7 @@ struct P11Session {
     CK_NOTIFY notify;
     P11OperationData* operationData;
     P11Obj* operationKey;         // holds a reference while the operation runs
+    hash_context* spareHash;      // the last finished digest's context, for the next digest
     P11MutexHandle mutex;
     std::atomic<long> refs{1};
     std::atomic<bool> closed{false};

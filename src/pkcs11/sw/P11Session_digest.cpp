@@ -51,8 +51,15 @@ CK_RV finish(P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PT
     }
     if (dataLen && do_hash(record->hash, data, dataLen) != CRYPTO_OK) return CKR_GENERAL_ERROR;
     hash_context* hash = record->hash;
-    record->hash = nullptr;  // stop_hash frees it whatever happens
-    if (stop_hash(hash, out) != CRYPTO_OK) return CKR_GENERAL_ERROR;
+    record->hash = nullptr;
+    if (finish_hash(hash, out) != CRYPTO_OK) {
+        abort_hash(hash);
+        return CKR_GENERAL_ERROR;
+    }
+    // The session keeps the finished context for its next digest: making a
+    // fresh one per message costs more than hashing a short one.
+    abort_hash(session->spareHash);
+    session->spareHash = hash;
     *outLen = length;
     return CKR_OK;
 }
@@ -82,7 +89,13 @@ CK_RV P11Session_digestInit_do(P11Session* session, CK_MECHANISM_PTR mechanism)
     const CK_RV rv = P11OperationData_hashmech_set(session, &record);
     if (rv != CKR_OK) return rv;
     record->hashId = hashId;
-    if (start_hash(hashId, &record->hash) != CRYPTO_OK) return CKR_GENERAL_ERROR;
+    hash_context*& spare = session->spareHash;
+    if (spare && hash_id(spare) == hashId && restart_hash(spare) == CRYPTO_OK) {
+        record->hash = spare;
+        spare = nullptr;
+    } else if (start_hash(hashId, &record->hash) != CRYPTO_OK) {
+        return CKR_GENERAL_ERROR;
+    }
     record->mechanism = mechanism->mechanism;
     return CKR_OK;
 }
