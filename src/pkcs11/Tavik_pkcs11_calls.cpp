@@ -66,41 +66,31 @@ CK_RV keyOf(CK_OBJECT_HANDLE handle, P11Obj** key)
     return rv == CKR_OBJECT_HANDLE_INVALID ? CKR_KEY_HANDLE_INVALID : rv;
 }
 
-// The frame's references to the session and objects it found or made; they
-// are let go on every path when the frame returns.
-class SessionRef {
+// The frame's reference to a session or object it found or made; it is let
+// go on every path when the frame returns.
+template <typename T, CK_RV (*Release)(T**)>
+class FrameRef {
 public:
-    SessionRef() = default;
-    ~SessionRef() { P11Session_release(&session_); }
-    SessionRef(const SessionRef&) = delete;
-    SessionRef& operator=(const SessionRef&) = delete;
-    P11Session** out() { return &session_; }
-    operator P11Session*() const { return session_; }
-
-private:
-    P11Session* session_ = nullptr;
-};
-
-class ObjectRef {
-public:
-    ObjectRef() = default;
-    ~ObjectRef() { P11Obj_destruct(&object_); }
-    ObjectRef(const ObjectRef&) = delete;
-    ObjectRef& operator=(const ObjectRef&) = delete;
-    P11Obj** out() { return &object_; }
-    operator P11Obj*() const { return object_; }
-    P11Obj* operator->() const { return object_; }
+    FrameRef() = default;
+    ~FrameRef() { Release(&pointer_); }
+    FrameRef(const FrameRef&) = delete;
+    FrameRef& operator=(const FrameRef&) = delete;
+    T** out() { return &pointer_; }
+    operator T*() const { return pointer_; }
+    T* operator->() const { return pointer_; }
     // Hands the reference over to a callee that consumes it.
-    P11Obj* release()
+    T* release()
     {
-        P11Obj* object = object_;
-        object_ = nullptr;
-        return object;
+        T* pointer = pointer_;
+        pointer_ = nullptr;
+        return pointer;
     }
 
 private:
-    P11Obj* object_ = nullptr;
+    T* pointer_ = nullptr;
 };
+typedef FrameRef<P11Session, P11Session_release> SessionRef;
+typedef FrameRef<P11Obj, P11Obj_destruct> ObjectRef;
 
 // The entry points whose answer never changes.
 CK_RV fixedAnswer(const char* function, CK_RV rv)

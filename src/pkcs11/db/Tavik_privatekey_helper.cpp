@@ -93,12 +93,19 @@ QString CurrentFileName::getCurrentFileName()
 
 namespace {
 
-void logException(const char* what)
+// Runs `work`; an exception is logged and answered CKR_FUNCTION_CANCELED.
+template <typename Work>
+CK_RV cancelOnException(Work work)
 {
-    if (what)
-        fileLogger->Error(__LINE__, QString("Caught std::exception: %1").arg(QString::fromLocal8Bit(what)));
-    else
+    try {
+        return work();
+    } catch (const std::exception& e) {
+        fileLogger->Error(__LINE__, QString("Caught std::exception: %1").arg(QString::fromLocal8Bit(e.what())));
+    } catch (...) {
         fileLogger->Error(__LINE__, "Caught (...) exception.");
+    }
+    fileLogger->Trace(__LINE__, "Tavik_RSA_decrypt exit");
+    return CKR_FUNCTION_CANCELED;
 }
 
 // The helper's result for (digest, input): from the cache, or from a run of
@@ -177,7 +184,7 @@ CK_RV Tavik_RSA_decrypt(P11Session* /*session*/, P11Obj* key, unsigned char* in,
     if (!access.privateKeyClass || key->clazz != access.privateKeyClass) return CKR_KEY_TYPE_INCONSISTENT;
     if (!pulOutLen || !in) return CKR_MECHANISM_PARAM_INVALID;
 
-    try {
+    return cancelOnException([&]() -> CK_RV {
         if (!out) {
             const CK_ATTRIBUTE* modulus = nullptr;
             const CK_RV rv = P11Obj_peekAttribute(key, CKA_MODULUS, &modulus);
@@ -200,16 +207,8 @@ CK_RV Tavik_RSA_decrypt(P11Session* /*session*/, P11Obj* key, unsigned char* in,
         const std::string userHex = Tavik_userNameHex(keyInfo.userName);
         const ByteArray_constSlice input(in, inLen);
         ByteArray result;
-        const CK_RV rv = P11Obj_runUnlocked(key, [&]() -> CK_RV {
-            try {
-                return helperResult(digest.constSlice(), userHex, input, result);
-            } catch (const std::exception& e) {
-                logException(e.what());
-            } catch (...) {
-                logException(nullptr);
-            }
-            fileLogger->Trace(__LINE__, "Tavik_RSA_decrypt exit");
-            return CKR_FUNCTION_CANCELED;
+        const CK_RV rv = P11Obj_runUnlocked(key, [&] {
+            return cancelOnException([&] { return helperResult(digest.constSlice(), userHex, input, result); });
         });
         if (rv != CKR_OK) return rv;
 
@@ -218,11 +217,5 @@ CK_RV Tavik_RSA_decrypt(P11Session* /*session*/, P11Obj* key, unsigned char* in,
         *pulOutLen = result.size();
         fileLogger->Trace(__LINE__, "Tavik_RSA_decrypt exit");
         return CKR_OK;
-    } catch (const std::exception& e) {
-        logException(e.what());
-    } catch (...) {
-        logException(nullptr);
-    }
-    fileLogger->Trace(__LINE__, "Tavik_RSA_decrypt exit");
-    return CKR_FUNCTION_CANCELED;
+    });
 }
