@@ -20,7 +20,7 @@ constexpr size_t kDigestCount = sizeof(kDigestNames) / sizeof(kDigestNames[0]);
 struct CryptoContext {
     OSSL_LIB_CTX* libctx;
     const EVP_MD* digests[kDigestCount];
-    EVP_MAC* hmac;
+    EVP_RAND* ctrDrbg;
 };
 
 CryptoContext buildContext()
@@ -45,7 +45,7 @@ CryptoContext buildContext()
     c.libctx = libctx;
     for (size_t i = 0; i < kDigestCount; ++i)
         c.digests[i] = EVP_MD_fetch(libctx, kDigestNames[i], nullptr);
-    c.hmac = EVP_MAC_fetch(libctx, "HMAC", nullptr);
+    c.ctrDrbg = EVP_RAND_fetch(libctx, "CTR-DRBG", nullptr);
     return c;
 }
 
@@ -82,9 +82,9 @@ const EVP_MD* crypto_md(const char* name)
     return nullptr;
 }
 
-EVP_MAC* crypto_hmac()
+EVP_RAND* crypto_ctr_drbg()
 {
-    return context().hmac;
+    return context().ctrDrbg;
 }
 
 OsslErrorGuard::OsslErrorGuard()

@@ -19,9 +19,9 @@ OSSL_LIB_CTX* crypto_libctx();
 // digest the providers lack, gives null. The caller must not free the result.
 const EVP_MD* crypto_md(const char* name);
 
-// The HMAC implementation of the module's context, fetched once; null if
+// libcrypto's CTR-DRBG of the module's context, fetched once; null if
 // unavailable. The caller must not free the result.
-EVP_MAC* crypto_hmac();
+EVP_RAND* crypto_ctr_drbg();
 
 // Keeps failures inside the crypto core from leaving entries in the calling
 // thread's OpenSSL error queue, which the application may be using itself:
