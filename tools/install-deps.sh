@@ -12,6 +12,7 @@ packages=(
   opensc softhsm2 python3-pykcs11
   libnss3-tools gnutls-bin libengine-pkcs11-openssl p11-kit p11-kit-modules ca-certificates   # client applications
   clang libclang-rt-14-dev   # the fuzz build: clang, libFuzzer and the sanitizer runtimes
+  libtsan2 libasan8 libubsan1   # g++'s ThreadSanitizer (build-tsan/) and AddressSanitizer + UBSan (build-asan/) runtimes
 )
 
 missing=()

@@ -30,7 +30,10 @@
 //   KORVO_HELPER_RUN_LOG    a file to which each run appends one line;
 //   KORVO_HELPER_TEST_MODE  "refuse" (no result, exit 1), "crash" (abort),
 //                           "exit1" (a valid result, but exit code 1);
-//   KORVO_HELPER_TEST_OUTPUT  printed as it stands instead of any result.
+//   KORVO_HELPER_TEST_OUTPUT  printed as it stands instead of any result;
+//   KORVO_HELPER_TEST_SLEEP_MS  milliseconds to wait (after the run log line)
+//                           before doing anything else, as a person answering
+//                           a prompt would.
 // The installed helper ignores them.
 
 #include <openssl/evp.h>
@@ -40,10 +43,12 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -151,6 +156,14 @@ void appendRunLog(int argc, char** argv)
     std::fclose(log);
 }
 
+void sleepAsAsked()
+{
+    const char* text = std::getenv("KORVO_HELPER_TEST_SLEEP_MS");
+    const long milliseconds = text ? std::strtol(text, nullptr, 10) : 0;
+    if (milliseconds <= 0) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
 std::string testMode()
 {
     const char* mode = std::getenv("KORVO_HELPER_TEST_MODE");
@@ -165,6 +178,7 @@ int main(int argc, char** argv)
     int successCode = 0;
 #ifdef KORVO_HELPER_TEST_BUILD
     appendRunLog(argc, argv);
+    sleepAsAsked();
     if (const char* fixed = std::getenv("KORVO_HELPER_TEST_OUTPUT")) {
         std::fputs(fixed, stdout);
         return 0;
