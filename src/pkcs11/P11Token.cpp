@@ -237,6 +237,9 @@ void forkChild()
 {
     P11Token* token = forkHold.token;
     if (!token) return;
+    // The index takes its own shard locks when entries go; the token mutex
+    // stays held while the child's lists change.
+    P11HandleIndex_unlockAll(token->index);
     try {
         std::vector<P11Session*> busy;
         P11SessionListCursor cursor = 0;
@@ -260,7 +263,10 @@ void forkChild()
     } catch (...) {
         // Out of memory in the child: what could not be set aside stays.
     }
-    forkRelease();
+    DecryptionCache::instance().unlockForFork();
+    P11TokenObjectHandleCnt_unlock(token, &forkHold.handleRecord);
+    P11Token_unlock(token, &forkHold.tokenRecord);
+    forkHold.token = nullptr;
 }
 
 void registerForkHandlers()
