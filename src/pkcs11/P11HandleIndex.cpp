@@ -6,7 +6,9 @@
 
 namespace {
 
-constexpr CK_ULONG kShards = 64;
+// Few enough that a fork can hold them all; enough that sessions opened one
+// after the other land in different shards.
+constexpr CK_ULONG kShards = 16;
 
 struct Entry {
     void* pointer;
