@@ -81,6 +81,7 @@ public:
     std::vector<Bytes> storeCertificates;         // the refresh case
     std::string moving, parked;
     Pkey movingReference;
+    Bytes movingId;
 
     void SetUp() override
     {
@@ -345,6 +346,7 @@ void refreshSetUp(Races& r)
     r.moving = filesIn(storeFolder("user_certificates")).back();
     r.parked = storeFolder("parked.cer");
     r.movingReference = certificateKey(readFile(r.moving));
+    r.movingId = Races::idOf(readFile(r.moving));  // read here: the file moves once the round starts
     r.answered = 0;
 }
 void refreshActor(Races& r, int t)
@@ -363,7 +365,7 @@ void refreshActor(Races& r, int t)
         // The key may go away between the search and the signature: the
         // operation then ends.
         Tmpl key;
-        key.ulong(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_ID, Races::idOf(readFile(r.moving)));
+        key.ulong(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_ID, r.movingId);
         for (int i = 0, signatures = 0; i < 100 && signatures < 10; ++i)
             if (r.search(t, r.own[t], key, found, kNone) && !found.empty() && ++signatures)
                 signChecked(r.p, r.failures, t, r.own[t], found[0], r.movingReference.get(), "refresh " + std::to_string(i),
