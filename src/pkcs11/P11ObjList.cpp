@@ -21,16 +21,11 @@ struct P11ObjListEntry {
 };
 typedef std::unordered_map<P11ObjIdentity, P11ObjListEntry*> P11ObjIdentityIndex;
 
-// Handle to entry, for the indexed lists; filled on demand, since handles
-// are given after an object joins the list.
-typedef std::unordered_map<CK_OBJECT_HANDLE, P11ObjListEntry*> P11ObjHandleIndex;
-
 struct P11ObjList {
     P11ObjListEntry sentinel;
     CK_ULONG count;
     CK_BBOOL changed;
     P11ObjIdentityIndex* index;  // only where add-or-replace is used
-    P11ObjHandleIndex* handles;  // with index
 };
 
 struct P11FindContext {
@@ -78,10 +73,7 @@ bool identityOfObject(P11Obj* object, P11ObjIdentity* key)
 // Allocates nothing, so that unlinking cannot fail.
 void unindex(P11ObjList* list, P11ObjListEntry* entry)
 {
-    if (!list->index) return;
-    const auto byHandle = list->handles->find(P11Obj_getHandle(entry->object));
-    if (byHandle != list->handles->end() && byHandle->second == entry) list->handles->erase(byHandle);
-    if (entry->identity.empty()) return;
+    if (!list->index || entry->identity.empty()) return;
     const auto found = list->index->find(entry->identity);
     if (found != list->index->end() && found->second == entry) list->index->erase(found);
 }
@@ -179,7 +171,6 @@ CK_RV P11ObjList_construct(P11ObjList** list)
     l->count = 0;
     l->changed = CK_FALSE;
     l->index = nullptr;
-    l->handles = nullptr;
     *list = l;
     return CKR_OK;
 }
@@ -189,7 +180,6 @@ CK_RV P11ObjList_destruct(P11ObjList** list)
     if (!list || !*list) return CKR_OK;
     while (P11ObjListEntry* e = first(*list)) unlink(*list, e);
     delete (*list)->index;
-    delete (*list)->handles;
     delete *list;
     *list = nullptr;
     return CKR_OK;
@@ -251,23 +241,9 @@ CK_RV P11ObjList_enumObjects(P11ObjList* list, P11ObjListCursor* cursor, P11Obj*
 
 CK_RV P11ObjList_findObjectHandle(P11ObjList* list, CK_OBJECT_HANDLE handle, P11Obj** object)
 {
+    // The token finds objects by handle through its own index; a walk
+    // serves what else asks a list.
     *object = nullptr;
-    if (list->handles) {
-        try {
-            auto hit = list->handles->find(handle);
-            if (hit == list->handles->end()) {
-                // Handles given since the last look are learnt in one walk.
-                list->handles->clear();
-                for (P11ObjListEntry* e = first(list); e; e = after(list, e))
-                    list->handles->emplace(P11Obj_getHandle(e->object), e);
-                hit = list->handles->find(handle);
-            }
-            if (hit != list->handles->end()) *object = hit->second->object;
-            return CKR_OK;
-        } catch (const std::bad_alloc&) {
-            list->handles->clear();  // and walk below
-        }
-    }
     for (P11ObjListEntry* e = first(list); e; e = after(list, e)) {
         if (P11Obj_getHandle(e->object) == handle) {
             *object = e->object;
@@ -326,23 +302,16 @@ CK_RV P11ObjList_enableIdentityIndex(P11ObjList* list)
 {
     if (list->index) return CKR_OK;
     P11ObjIdentityIndex* index = new (std::nothrow) P11ObjIdentityIndex;
-    P11ObjHandleIndex* handles = new (std::nothrow) P11ObjHandleIndex;
-    if (!index || !handles) {
-        delete index;
-        delete handles;
-        return CKR_HOST_MEMORY;
-    }
+    if (!index) return CKR_HOST_MEMORY;
     try {
         for (P11ObjListEntry* e = first(list); e; e = after(list, e))
             if (identityOfObject(e->object, &e->identity) && !index->emplace(e->identity, e).second)
                 e->identity.clear();
     } catch (const std::bad_alloc&) {
         delete index;
-        delete handles;
         return CKR_HOST_MEMORY;
     }
     list->index = index;
-    list->handles = handles;
     return CKR_OK;
 }
 

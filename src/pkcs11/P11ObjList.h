@@ -46,9 +46,8 @@ CK_RV P11ObjList_clearMarks(P11ObjList* list);
 CK_RV P11ObjList_addOrReplaceAndMark(P11ObjList* list, P11Obj* object, CK_BBOOL* added);
 CK_RV P11ObjList_popUnmarkedObject(P11ObjList* list, P11ObjListCursor* cursor, P11Obj** object);
 // Keeps an index on (class, CKA_ID) from now on, so that add-or-replace and
-// markIdentity find an object's earlier self without walking the list, and
-// one on handles for findObjectHandle. The objects' CKA_ID and handle must
-// not change once set while they are in the list.
+// markIdentity find an object's earlier self without walking the list. The
+// objects' CKA_ID must not change once set while they are in the list.
 CK_RV P11ObjList_enableIdentityIndex(P11ObjList* list);
 // Marks the object of that class and CKA_ID, if the list holds one, and
 // gives it back (null otherwise).
