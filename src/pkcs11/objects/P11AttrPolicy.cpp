@@ -10,6 +10,7 @@
 
 #include "crypto/crypto_errors.h"
 #include "crypto/map.h"
+#include "crypto/rsa.h"
 #include "pkcs11/objects/P11Obj.h"
 #include "pkcs11/objects/P11Obj_dig.h"
 
@@ -483,110 +484,6 @@ CK_RV mathRv(int rc)
     }
 }
 
-// An attribute as a number; absent reads as zero, like the zero-byte
-// placeholder completion gives missing RSA values.
-CK_RV readNumber(P11Obj* object, CK_ATTRIBUTE_TYPE type, map_int* value)
-{
-    const CK_RV rv = P11Obj_getAttributeAsDig(object, type, value);
-    if (rv == CKR_TEMPLATE_INCOMPLETE) return mathRv(map_set_word(value, 0));
-    return rv;
-}
-
-// Either stores the computed value (when the attribute held none) or
-// insists that the given one equals it.
-CK_RV storeOrMatch(P11Obj* object, CK_ATTRIBUTE_TYPE type, const map_int* given, const map_int* computed)
-{
-    if (map_is_zero(given)) return P11Obj_setDigValue(object, type, computed);
-    return map_compare(given, computed) == 0 ? CKR_OK : CKR_TEMPLATE_INCONSISTENT;
-}
-
-enum RsaNumber { kN, kE, kD, kP, kQ, kDp, kDq, kQinv, kT1, kT2, kT3, kT4, kRsaNumbers };
-
-// Factors n from a matching exponent pair: e*d - 1 = 2^t * r with r odd is
-// a multiple of lcm(p-1, q-1), so for most bases g some square root of 1 in
-// the chain g^r, g^2r, ... is neither 1 nor n-1 and shares a factor with n.
-// Consecutive small bases are tried; each fails with probability at most
-// one half for a consistent key. On success p > q.
-CK_RV factorModulus(const Numbers<kRsaNumbers>& v)
-{
-    map_int* k = v[kT1];
-    map_int* nMinusOne = v[kT2];
-    map_int* y = v[kT3];
-    map_int* g = v[kT4];
-    CK_RV rv = mathRv(map_mul(k, v[kE], v[kD]));
-    if (rv == CKR_OK) rv = mathRv(map_sub_word(k, k, 1));
-    if (rv == CKR_OK) rv = mathRv(map_sub_word(nMinusOne, v[kN], 1));
-    if (rv != CKR_OK) return rv;
-    if (map_is_zero(k) || map_is_odd(k) || !map_is_odd(v[kN]) || map_num_bits(v[kN]) < 4)
-        return CKR_TEMPLATE_INCONSISTENT;
-    int t = 0;
-    while (!map_is_odd(k)) {
-        rv = mathRv(map_rshift(k, k, 1));
-        if (rv != CKR_OK) return rv;
-        ++t;
-    }
-    for (unsigned long base = 2; base < 102; ++base) {
-        rv = mathRv(map_set_word(g, base));
-        if (rv == CKR_OK) rv = mathRv(map_mod_exp(y, g, k, v[kN]));
-        if (rv != CKR_OK) return rv;
-        if (map_is_one(y) || map_compare(y, nMinusOne) == 0) continue;
-        for (int i = 0; i < t; ++i) {
-            map_int* square = v[kP];  // free until a factor is found
-            rv = mathRv(map_mod_mul(square, y, y, v[kN]));
-            if (rv != CKR_OK) return rv;
-            if (map_compare(square, nMinusOne) == 0) break;
-            if (map_is_one(square)) {
-                // y is a nontrivial square root of 1: gcd(y - 1, n) is a factor.
-                rv = mathRv(map_sub_word(y, y, 1));
-                if (rv == CKR_OK) rv = mathRv(map_gcd(v[kP], y, v[kN]));
-                if (rv == CKR_OK) rv = mathRv(map_div(v[kQ], nullptr, v[kN], v[kP]));
-                if (rv != CKR_OK) return rv;
-                if (map_compare(v[kP], v[kQ]) < 0) {
-                    rv = mathRv(map_copy(y, v[kP]));
-                    if (rv == CKR_OK) rv = mathRv(map_copy(v[kP], v[kQ]));
-                    if (rv == CKR_OK) rv = mathRv(map_copy(v[kQ], y));
-                }
-                return rv;
-            }
-            rv = mathRv(map_copy(y, square));
-            if (rv != CKR_OK) return rv;
-        }
-    }
-    return CKR_TEMPLATE_INCONSISTENT;
-}
-
-// Brings p and q into the object: factors n, derives the missing prime, or
-// checks that the two given ones make n. Sets *havePrimes to false when
-// nothing is there to find them from.
-CK_RV establishPrimes(P11Obj* object, const Numbers<kRsaNumbers>& v, bool* havePrimes)
-{
-    const bool haveP = !map_is_zero(v[kP]);
-    const bool haveQ = !map_is_zero(v[kQ]);
-    *havePrimes = true;
-    CK_RV rv = CKR_OK;
-    if (!haveP && !haveQ) {
-        if (map_is_zero(v[kE]) || map_is_zero(v[kD])) {
-            *havePrimes = false;
-            return CKR_OK;
-        }
-        rv = factorModulus(v);
-        if (rv == CKR_OK) rv = P11Obj_setDigValue(object, CKA_PRIME_1, v[kP]);
-        if (rv == CKR_OK) rv = P11Obj_setDigValue(object, CKA_PRIME_2, v[kQ]);
-        return rv;
-    }
-    if (haveP != haveQ) {
-        const RsaNumber known = haveP ? kP : kQ;
-        const RsaNumber other = haveP ? kQ : kP;
-        rv = mathRv(map_div(v[other], v[kT1], v[kN], v[known]));
-        if (rv != CKR_OK) return rv;
-        if (!map_is_zero(v[kT1]) || map_is_one(v[known]) || map_is_one(v[other])) return CKR_TEMPLATE_INCONSISTENT;
-        return P11Obj_setDigValue(object, haveP ? CKA_PRIME_2 : CKA_PRIME_1, v[other]);
-    }
-    rv = mathRv(map_mul(v[kT1], v[kP], v[kQ]));
-    if (rv != CKR_OK) return rv;
-    return map_compare(v[kT1], v[kN]) == 0 ? CKR_OK : CKR_TEMPLATE_INCONSISTENT;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -836,58 +733,39 @@ CK_RV MakeFullTemplate(P11Obj* object)
 
 CK_RV RSA_Calculate_Rem_Values(P11Obj* object)
 {
-    Numbers<kRsaNumbers> v;
-    CK_RV rv = v.allocate();
+    // The numbers as the object holds them; absent reads as empty, like the
+    // zero-byte placeholder completion gives missing values.
     const CK_ATTRIBUTE_TYPE types[] = {CKA_MODULUS, CKA_PUBLIC_EXPONENT, CKA_PRIVATE_EXPONENT, CKA_PRIME_1,
                                        CKA_PRIME_2, CKA_EXPONENT_1, CKA_EXPONENT_2, CKA_COEFFICIENT};
-    for (int i = kN; i <= kQinv && rv == CKR_OK; ++i) rv = readNumber(object, types[i], v[i]);
-    if (rv != CKR_OK) return rv;
-
-    if (map_is_zero(v[kN])) {
-        if (map_is_zero(v[kP]) || map_is_zero(v[kQ])) return CKR_TEMPLATE_INCOMPLETE;
-        rv = mathRv(map_mul(v[kN], v[kP], v[kQ]));
-        if (rv == CKR_OK) rv = P11Obj_setDigValue(object, CKA_MODULUS, v[kN]);
+    rsa_components components;
+    crypto_bytes* values[] = {&components.n,  &components.e,  &components.d,  &components.p,
+                              &components.q,  &components.dp, &components.dq, &components.qinv};
+    bool given[8] = {};
+    for (int i = 0; i < 8; ++i) {
+        const CK_ATTRIBUTE* attribute = nullptr;
+        const CK_RV rv = P11Obj_peekAttribute(object, types[i], &attribute);
+        if (rv != CKR_OK) return rv;
+        if (!attribute || !attribute->pValue) continue;
+        const CK_BYTE* bytes = static_cast<const CK_BYTE*>(attribute->pValue);
+        CK_ULONG length = attribute->ulValueLen;
+        while (length && *bytes == 0) ++bytes, --length;
+        values[i]->assign(bytes, bytes + length);
+        given[i] = length != 0;
+    }
+    switch (rsa_complete_components(&components)) {
+    case CRYPTO_OK: break;
+    case CRYPTO_ERR_BAD_PARAMETER: return CKR_TEMPLATE_INCOMPLETE;
+    case CRYPTO_ERR_VERIFY_FAILED: return CKR_TEMPLATE_INCONSISTENT;
+    case CRYPTO_ERR_NO_MEMORY: return CKR_HOST_MEMORY;
+    default: return CKR_GENERAL_ERROR;
+    }
+    // Only what was missing is stored; given values were checked.
+    for (int i = 0; i < 8; ++i) {
+        if (given[i] || values[i]->empty()) continue;
+        const CK_RV rv = P11Obj_setValue(object, types[i], values[i]->data(), CK_ULONG(values[i]->size()));
         if (rv != CKR_OK) return rv;
     }
-    bool havePrimes = false;
-    rv = establishPrimes(object, v, &havePrimes);
-    if (rv != CKR_OK || !havePrimes) return rv;
-
-    // lambda = lcm(p-1, q-1) = (p-1)(q-1) / gcd(p-1, q-1), kept in T3;
-    // p-1 in T1 and q-1 in T2.
-    map_int* pMinusOne = v[kT1];
-    map_int* qMinusOne = v[kT2];
-    map_int* lambda = v[kT3];
-    map_int* scratch = v[kT4];
-    rv = mathRv(map_sub_word(pMinusOne, v[kP], 1));
-    if (rv == CKR_OK) rv = mathRv(map_sub_word(qMinusOne, v[kQ], 1));
-    if (rv == CKR_OK) rv = mathRv(map_gcd(scratch, pMinusOne, qMinusOne));
-    if (rv == CKR_OK) rv = mathRv(map_mul(lambda, pMinusOne, qMinusOne));
-    if (rv == CKR_OK) rv = mathRv(map_div(lambda, nullptr, lambda, scratch));
-    if (rv != CKR_OK) return rv;
-
-    // Each exponent follows from the other; with both given they must match.
-    if (map_is_zero(v[kD]) && map_is_zero(v[kE])) return CKR_TEMPLATE_INCOMPLETE;
-    if (map_is_zero(v[kD])) {
-        rv = mathRv(map_mod_inverse(v[kD], v[kE], lambda));
-        if (rv == CKR_OK) rv = P11Obj_setDigValue(object, CKA_PRIVATE_EXPONENT, v[kD]);
-    } else if (map_is_zero(v[kE])) {
-        rv = mathRv(map_mod_inverse(v[kE], v[kD], lambda));
-        if (rv == CKR_OK) rv = P11Obj_setDigValue(object, CKA_PUBLIC_EXPONENT, v[kE]);
-    } else {
-        rv = mathRv(map_mod_mul(scratch, v[kE], v[kD], lambda));
-        if (rv == CKR_OK && !map_is_one(scratch)) rv = CKR_TEMPLATE_INCONSISTENT;
-    }
-    if (rv != CKR_OK) return rv;
-
-    // dP = d mod (p-1), dQ = d mod (q-1), qInv = q^-1 mod p.
-    rv = mathRv(map_mod(scratch, v[kD], pMinusOne));
-    if (rv == CKR_OK) rv = storeOrMatch(object, CKA_EXPONENT_1, v[kDp], scratch);
-    if (rv == CKR_OK) rv = mathRv(map_mod(scratch, v[kD], qMinusOne));
-    if (rv == CKR_OK) rv = storeOrMatch(object, CKA_EXPONENT_2, v[kDq], scratch);
-    if (rv == CKR_OK) rv = mathRv(map_mod_inverse(scratch, v[kQ], v[kP]));
-    if (rv == CKR_OK) rv = storeOrMatch(object, CKA_COEFFICIENT, v[kQinv], scratch);
-    return rv;
+    return CKR_OK;
 }
 
 CK_RV X942_CheckPublicKey(P11Obj* object)

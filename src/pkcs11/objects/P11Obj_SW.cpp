@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "crypto/rsa.h"
 #include "pkcs11/sw/P11Obj_SW_mechanisms.h"
 
 namespace {
@@ -10,6 +11,13 @@ P11AttrStoreView view(P11Obj* object)
 {
     P11Obj_SW* sw = static_cast<P11Obj_SW*>(object);
     return P11AttrStoreView{sw->slots, &sw->count, P11_SW_SLOT_COUNT, P11AttrStore_swSlot, true};
+}
+
+void dropCache(P11Obj* object)
+{
+    P11Obj_SW* sw = static_cast<P11Obj_SW*>(object);
+    rsa_key_release(sw->rsaKey);
+    sw->rsaKey = nullptr;
 }
 
 P11ObjClass makeClass()
@@ -65,6 +73,7 @@ CK_RV P11Obj_SW_destruct(P11Obj** object)
     const CK_RV rv = P11Mutex_destruct(&(*object)->mutex);
     if (rv != CKR_OK) return rv;
     P11AttrStore_clear(view(*object));
+    dropCache(*object);
     delete static_cast<P11Obj_SW*>(*object);
     *object = nullptr;
     return CKR_OK;
@@ -72,6 +81,7 @@ CK_RV P11Obj_SW_destruct(P11Obj** object)
 
 CK_RV P11Obj_SW_setAttribute(P11Obj* object, const CK_ATTRIBUTE* attribute)
 {
+    dropCache(object);
     return P11AttrStore_set(view(object), attribute);
 }
 
@@ -88,6 +98,7 @@ CK_RV P11Obj_SW_peekAttribute(P11Obj* object, CK_ATTRIBUTE_TYPE type, const CK_A
 CK_RV P11Obj_SW_copy(P11Obj* source, P11Obj* destination)
 {
     if (!source || !destination) return CKR_FUNCTION_FAILED;
+    dropCache(destination);
     return P11AttrStore_copy(view(source), view(destination));
 }
 
@@ -105,4 +116,15 @@ CK_RV P11Obj_SW_getAttributeCount(P11Obj* object, CK_ULONG* count)
 {
     *count = static_cast<P11Obj_SW*>(object)->count;
     return CKR_OK;
+}
+
+rsa_key* P11Obj_SW_cachedRsaKey(P11Obj* object)
+{
+    return static_cast<P11Obj_SW*>(object)->rsaKey;
+}
+
+void P11Obj_SW_cacheRsaKey(P11Obj* object, rsa_key* key)
+{
+    dropCache(object);
+    static_cast<P11Obj_SW*>(object)->rsaKey = key;
 }

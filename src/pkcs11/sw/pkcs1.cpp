@@ -230,60 +230,63 @@ CK_RV EMSA_PSS_VERIFY(const CK_BYTE* mHash, CK_ULONG hLen, const CK_BYTE* EM, CK
     return rv;
 }
 
-int OAEP_ENCODE_SHA1_SHA1(const CK_BYTE* M, CK_ULONG mLen, const CK_BYTE* P, CK_ULONG pLen, CK_BYTE* EM,
-                          CK_ULONG emLen, csprgbg_state* rng)
+int OAEP_ENCODE(int hashId, int mgfHashId, const CK_BYTE* M, CK_ULONG mLen, const CK_BYTE* P, CK_ULONG pLen,
+                const CK_BYTE* seedIn, CK_BYTE* EM, CK_ULONG emLen)
 {
-    if (emLen < 2 * kSha1Len + 1 || mLen > emLen - 2 * kSha1Len - 1) return -1;
-    if (!EM || (!M && mLen > 0) || (!P && pLen > 0)) return -1;
+    const CK_ULONG hLen = hash_digestLength(hashId);
+    if (hLen == 0 || hash_digestLength(mgfHashId) == 0) return -1;
+    if (emLen < 2 * hLen + 1 || mLen > emLen - 2 * hLen - 1) return -1;
+    if (!EM || !seedIn || (!M && mLen > 0) || (!P && pLen > 0)) return -1;
 
-    // EM = seed || DB, DB = SHA-1(P) || zeros || 0x01 || M, both then masked.
+    // EM = seed || DB, DB = Hash(P) || zeros || 0x01 || M, both then masked.
     CK_BYTE* seed = EM;
-    CK_BYTE* db = EM + kSha1Len;
-    const CK_ULONG dbLen = emLen - kSha1Len;
-    const int grv = csprgbg_bytes(rng, seed, kSha1Len);
-    if (grv != CRYPTO_OK) return grv;
-    if (hash_buffer(HASH_SHA1, P, pLen, db) != CRYPTO_OK) return -1;
-    std::memset(db + kSha1Len, 0x00, dbLen - kSha1Len - mLen - 1);
-    db[dbLen - mLen - 1] = 0x01;
+    CK_BYTE* db = EM + hLen;
+    const CK_ULONG dbLen = emLen - hLen;
     if (mLen > 0) std::memmove(db + dbLen - mLen, M, mLen);
+    std::memmove(seed, seedIn, hLen);
+    if (hash_buffer(hashId, P, pLen, db) != CRYPTO_OK) return -1;
+    std::memset(db + hLen, 0x00, dbLen - hLen - mLen - 1);
+    db[dbLen - mLen - 1] = 0x01;
 
     Scratch dbMask(dbLen);
     if (!dbMask.ok()) return -1;
-    if (MGF1_SHA1(seed, kSha1Len, dbMask.get(), dbLen) != CKR_OK) return -1;
+    if (MGF1(mgfHashId, seed, hLen, dbMask.get(), dbLen) != CKR_OK) return -1;
     xorInto(db, dbMask.get(), dbLen);
 
-    CK_BYTE seedMask[kSha1Len];
-    if (MGF1_SHA1(db, dbLen, seedMask, kSha1Len) != CKR_OK) return -1;
-    xorInto(seed, seedMask, kSha1Len);
+    CK_BYTE seedMask[HASH_MAX_DIGEST_LENGTH];
+    if (MGF1(mgfHashId, db, dbLen, seedMask, hLen) != CKR_OK) return -1;
+    xorInto(seed, seedMask, hLen);
     return 0;
 }
 
-int OAEP_DECODE_SHA1_SHA1(const CK_BYTE* EM, CK_ULONG emLen, const CK_BYTE* P, CK_ULONG pLen, CK_BYTE* out,
-                          CK_ULONG* outLen)
+int OAEP_DECODE(int hashId, int mgfHashId, const CK_BYTE* EM, CK_ULONG emLen, const CK_BYTE* P, CK_ULONG pLen,
+                CK_BYTE* out, CK_ULONG* outLen)
 {
-    if (emLen < 2 * kSha1Len + 1) return -1;
+    const CK_ULONG hLen = hash_digestLength(hashId);
+    if (hLen == 0 || hash_digestLength(mgfHashId) == 0) return -1;
+    if (emLen < 2 * hLen + 1) return -1;
     if (!EM || !outLen || (!P && pLen > 0)) return -1;
 
-    const CK_BYTE* maskedDb = EM + kSha1Len;
-    const CK_ULONG dbLen = emLen - kSha1Len;
-    CK_BYTE seed[kSha1Len];
-    if (MGF1_SHA1(maskedDb, dbLen, seed, kSha1Len) != CKR_OK) return -1;
-    xorInto(seed, EM, kSha1Len);
+    const CK_BYTE* maskedDb = EM + hLen;
+    const CK_ULONG dbLen = emLen - hLen;
+    CK_BYTE seed[HASH_MAX_DIGEST_LENGTH];
+    if (MGF1(mgfHashId, maskedDb, dbLen, seed, hLen) != CKR_OK) return -1;
+    xorInto(seed, EM, hLen);
 
     Scratch db(dbLen);
     if (!db.ok()) return -1;
-    const CK_RV rv = MGF1_SHA1(seed, kSha1Len, db.get(), dbLen);
+    const CK_RV rv = MGF1(mgfHashId, seed, hLen, db.get(), dbLen);
     std::memset(seed, 0, sizeof seed);
     if (rv != CKR_OK) return -1;
     xorInto(db.get(), maskedDb, dbLen);
 
-    CK_BYTE pHash[kSha1Len];
-    if (hash_buffer(HASH_SHA1, P, pLen, pHash) != CRYPTO_OK) return -1;
+    CK_BYTE pHash[HASH_MAX_DIGEST_LENGTH];
+    if (hash_buffer(hashId, P, pLen, pHash) != CRYPTO_OK) return -1;
 
-    CK_ULONG one = kSha1Len;
+    CK_ULONG one = hLen;
     while (one < dbLen && db.get()[one] == 0x00) ++one;
     if (one == dbLen || db.get()[one] != 0x01) return -1;
-    if (std::memcmp(db.get(), pHash, kSha1Len) != 0) return -1;
+    if (std::memcmp(db.get(), pHash, hLen) != 0) return -1;
 
     const CK_ULONG msgLen = dbLen - one - 1;
     if (!out) {
@@ -297,4 +300,23 @@ int OAEP_DECODE_SHA1_SHA1(const CK_BYTE* EM, CK_ULONG emLen, const CK_BYTE* P, C
     if (msgLen > 0) std::memcpy(out, db.get() + one + 1, msgLen);
     *outLen = msgLen;
     return 0;
+}
+
+int OAEP_ENCODE_SHA1_SHA1(const CK_BYTE* M, CK_ULONG mLen, const CK_BYTE* P, CK_ULONG pLen, CK_BYTE* EM,
+                          CK_ULONG emLen, csprgbg_state* rng)
+{
+    if (emLen < 2 * kSha1Len + 1 || mLen > emLen - 2 * kSha1Len - 1) return -1;
+    if (!EM || (!M && mLen > 0) || (!P && pLen > 0)) return -1;
+    CK_BYTE seed[kSha1Len];
+    const int grv = csprgbg_bytes(rng, seed, kSha1Len);
+    if (grv != CRYPTO_OK) return grv;
+    const int rv = OAEP_ENCODE(HASH_SHA1, HASH_SHA1, M, mLen, P, pLen, seed, EM, emLen);
+    std::memset(seed, 0, sizeof seed);
+    return rv;
+}
+
+int OAEP_DECODE_SHA1_SHA1(const CK_BYTE* EM, CK_ULONG emLen, const CK_BYTE* P, CK_ULONG pLen, CK_BYTE* out,
+                          CK_ULONG* outLen)
+{
+    return OAEP_DECODE(HASH_SHA1, HASH_SHA1, EM, emLen, P, pLen, out, outLen);
 }

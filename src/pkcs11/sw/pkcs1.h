@@ -83,3 +83,13 @@ int OAEP_ENCODE_SHA1_SHA1(const CK_BYTE* M, CK_ULONG mLen, const CK_BYTE* P, CK_
 // (emLen < 41, no 0x01 separator, a wrong parameter hash) gives -1.
 int OAEP_DECODE_SHA1_SHA1(const CK_BYTE* EM, CK_ULONG emLen, const CK_BYTE* P, CK_ULONG pLen, CK_BYTE* out,
                           CK_ULONG* outLen);
+
+// EME-OAEP of PKCS #1 v2.1 with any hash of crypto/hash.h for the label and
+// for MGF1 (they may differ). Same conventions as the SHA-1 pair above,
+// except that the caller supplies the seed (hLen bytes, drawn from the
+// token's generator) and that an unknown hash gives -1. The SHA-1 pair is
+// this code with both hashes SHA-1.
+int OAEP_ENCODE(int hashId, int mgfHashId, const CK_BYTE* M, CK_ULONG mLen, const CK_BYTE* P, CK_ULONG pLen,
+                const CK_BYTE* seed, CK_BYTE* EM, CK_ULONG emLen);
+int OAEP_DECODE(int hashId, int mgfHashId, const CK_BYTE* EM, CK_ULONG emLen, const CK_BYTE* P, CK_ULONG pLen,
+                CK_BYTE* out, CK_ULONG* outLen);

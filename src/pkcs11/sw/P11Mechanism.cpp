@@ -1,0 +1,78 @@
+#include "pkcs11/sw/P11Mechanism.h"
+
+#include "pkcs11/objects/P11AttrPolicy.h"
+#include "pkcs11/sw/P11Sw_rsa.h"
+
+namespace {
+
+constexpr uint64_t kRsaKeys = P11_KIND_RSA_PUBLIC | P11_KIND_RSA_PRIVATE;
+constexpr uint32_t kRsaCipher = P11_USE_ENCRYPT | P11_USE_DECRYPT | P11_USE_WRAP | P11_USE_UNWRAP;
+constexpr uint32_t kRsaSignature = P11_USE_SIGN | P11_USE_VERIFY;
+constexpr uint32_t kRsaRecover = P11_USE_SIGN_RECOVER | P11_USE_VERIFY_RECOVER;
+
+const P11Mechanism kRegistry[] = {
+    // RSA
+    {CKM_RSA_PKCS_KEY_PAIR_GEN, 0, P11_USE_GENERATE_PAIR, nullptr, nullptr, P11SwRsa_generatePair, nullptr},
+    {CKM_RSA_PKCS, kRsaKeys, kRsaCipher | kRsaSignature | kRsaRecover, P11SwRsa_init, nullptr, nullptr, nullptr},
+    {CKM_RSA_X_509, kRsaKeys, kRsaCipher | kRsaSignature | kRsaRecover, P11SwRsa_init, nullptr, nullptr, nullptr},
+    {CKM_RSA_PKCS_OAEP, kRsaKeys, kRsaCipher, P11SwRsa_init, nullptr, nullptr, nullptr},
+    {CKM_MD5_RSA_PKCS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
+    {CKM_SHA1_RSA_PKCS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
+    {CKM_SHA224_RSA_PKCS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
+    {CKM_SHA256_RSA_PKCS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
+    {CKM_SHA384_RSA_PKCS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
+    {CKM_SHA512_RSA_PKCS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
+    {CKM_RSA_PKCS_PSS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
+    {CKM_SHA1_RSA_PKCS_PSS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
+    {CKM_SHA224_RSA_PKCS_PSS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
+    {CKM_SHA256_RSA_PKCS_PSS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
+    {CKM_SHA384_RSA_PKCS_PSS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
+    {CKM_SHA512_RSA_PKCS_PSS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
+};
+
+constexpr uint64_t kPublicKinds = P11_KIND_RSA_PUBLIC | P11_KIND_DSA_PUBLIC | P11_KIND_EC_PUBLIC |
+                                  P11_KIND_DH_PUBLIC | P11_KIND_X942_PUBLIC;
+constexpr uint64_t kPrivateKinds = P11_KIND_RSA_PRIVATE | P11_KIND_DSA_PRIVATE | P11_KIND_EC_PRIVATE |
+                                   P11_KIND_DH_PRIVATE | P11_KIND_X942_PRIVATE;
+constexpr uint64_t kSecretKinds = P11_KIND_FIXED_SECRET | P11_KIND_VARIABLE_SECRET;
+
+}  // namespace
+
+const P11Mechanism* P11Mechanism_find(CK_MECHANISM_TYPE type)
+{
+    for (const P11Mechanism& row : kRegistry)
+        if (row.type == type) return &row;
+    return nullptr;
+}
+
+CK_ATTRIBUTE_TYPE P11Mechanism_usage(uint32_t operation)
+{
+    switch (operation) {
+    case P11_USE_ENCRYPT: return CKA_ENCRYPT;
+    case P11_USE_DECRYPT: return CKA_DECRYPT;
+    case P11_USE_SIGN: return CKA_SIGN;
+    case P11_USE_VERIFY: return CKA_VERIFY;
+    case P11_USE_SIGN_RECOVER: return CKA_SIGN_RECOVER;
+    case P11_USE_VERIFY_RECOVER: return CKA_VERIFY_RECOVER;
+    case P11_USE_WRAP: return CKA_WRAP;
+    case P11_USE_UNWRAP: return CKA_UNWRAP;
+    case P11_USE_DERIVE: return CKA_DERIVE;
+    default: return CK_UNAVAILABLE_INFORMATION;
+    }
+}
+
+uint64_t P11Mechanism_kindsFor(uint32_t operation)
+{
+    switch (operation) {
+    case P11_USE_ENCRYPT:
+    case P11_USE_VERIFY:
+    case P11_USE_VERIFY_RECOVER:
+    case P11_USE_WRAP: return kPublicKinds | kSecretKinds;
+    case P11_USE_DECRYPT:
+    case P11_USE_SIGN:
+    case P11_USE_SIGN_RECOVER:
+    case P11_USE_UNWRAP:
+    case P11_USE_DERIVE: return kPrivateKinds | kSecretKinds;
+    default: return 0;
+    }
+}
