@@ -1,5 +1,7 @@
 #include "crypto/csprgbg.h"
 
+#include "crypto/seed_source.h"
+
 #include "crypto/crypto_errors.h"
 #include "crypto/ossl_context.h"
 
@@ -78,6 +80,7 @@ int instantiate(csprgbg_state** state, EVP_RAND_CTX* parent, const unsigned char
 int csprgbg_init(csprgbg_state** state, const unsigned char* seed, size_t seedLen,
                  const unsigned char* pers, size_t persLen)
 {
+    CryptoGeneratorScope inside;
     if (state == nullptr)
         return CRYPTO_ERR_BAD_PARAMETER;
     *state = nullptr;
@@ -100,6 +103,7 @@ int csprgbg_init(csprgbg_state** state, const unsigned char* seed, size_t seedLe
 
 int csprgbg_init_from_source(csprgbg_state** state, EVP_RAND_CTX* source, const unsigned char* pers, size_t persLen)
 {
+    CryptoGeneratorScope inside;
     if (state == nullptr)
         return CRYPTO_ERR_BAD_PARAMETER;
     *state = nullptr;
@@ -110,6 +114,7 @@ int csprgbg_init_from_source(csprgbg_state** state, EVP_RAND_CTX* source, const 
 
 int csprgbg_reseed(csprgbg_state* state, const unsigned char* seed, size_t seedLen)
 {
+    CryptoGeneratorScope inside;
     if (state == nullptr || (seed == nullptr && seedLen > 0))
         return CRYPTO_ERR_BAD_PARAMETER;
     OsslErrorGuard guard;
@@ -118,6 +123,7 @@ int csprgbg_reseed(csprgbg_state* state, const unsigned char* seed, size_t seedL
 
 int csprgbg_bytes(csprgbg_state* state, unsigned char* out, size_t len)
 {
+    CryptoGeneratorScope inside;
     if (state == nullptr || (out == nullptr && len > 0))
         return CRYPTO_ERR_BAD_PARAMETER;
     OsslErrorGuard guard;

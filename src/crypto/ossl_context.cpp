@@ -1,5 +1,7 @@
 #include "crypto/ossl_context.h"
 
+#include "crypto/seed_source.h"
+
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/provider.h>
@@ -41,6 +43,9 @@ CryptoContext buildContext()
     // Older OpenSSL 3 releases keep RIPEMD-160 only in the legacy provider.
     // A system without the legacy module still gives us everything else.
     (void)OSSL_PROVIDER_load(libctx, "legacy");
+    // The context's own DRBGs are seeded from the token's generator (see
+    // seed_source.h); without it they seed from the operating system.
+    (void)crypto_install_seed_source(libctx);
 
     c.libctx = libctx;
     for (size_t i = 0; i < kDigestCount; ++i)

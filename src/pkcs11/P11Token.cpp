@@ -12,6 +12,7 @@
 
 #include "crypto/crypto_errors.h"
 #include "crypto/csprgbg.h"
+#include "crypto/seed_source.h"
 #include "pkcs11/GetToken.h"
 #include "pkcs11/P11HandleIndex.h"
 #include "pkcs11/P11ObjList.h"
@@ -127,6 +128,7 @@ CK_RV forEachSession(P11Token* token, Visit visit)
 // a part that was never built.
 CK_RV teardown(P11Token* token)
 {
+    crypto_set_seed_source(nullptr, nullptr);
     CK_RV rv = P11DB_Finalize(token->database);
     token->database = nullptr;
     if (rv != CKR_OK) return rv;
@@ -313,6 +315,13 @@ CK_RV P11Token_construct(P11Token** pToken)
         return rv;
     }
     if (ownLocking) registerForkHandlers();
+    // From now on the randomness libcrypto draws for the software keys
+    // (primes, blinding) is seeded from the token's generator.
+    crypto_set_seed_source(
+        [](void* arg, unsigned char* out, size_t len) {
+            return P11Token_generateRandom(static_cast<P11Token*>(arg), out, CK_ULONG(len)) == CKR_OK ? 0 : -1;
+        },
+        token);
     *pToken = token;
     return CKR_OK;
 }
