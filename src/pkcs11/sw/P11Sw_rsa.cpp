@@ -4,6 +4,7 @@
 #include "crypto/rsa.h"
 #include "pkcs11/objects/P11Obj_SW.h"
 #include "pkcs11/sw/P11RsaEngine.h"
+#include "pkcs11/sw/P11Sw_keys.h"
 
 namespace {
 
@@ -43,18 +44,6 @@ CK_RV softwarePublicRaw(P11OperationData_rsa* record, CK_BYTE_PTR in, CK_ULONG i
 const P11RsaKeyOps kSoftwareOps{softwarePrivateRaw, softwarePublicRaw, CKR_ENCRYPTED_DATA_LEN_RANGE, false,
                                 CKR_FUNCTION_NOT_SUPPORTED, true};
 
-CK_RV readNumber(P11Obj* key, CK_ATTRIBUTE_TYPE type, crypto_bytes* value)
-{
-    const CK_ATTRIBUTE* attribute = nullptr;
-    const CK_RV rv = P11Obj_peekAttribute(key, type, &attribute);
-    if (rv != CKR_OK) return rv;
-    if (attribute && attribute->pValue) {
-        const CK_BYTE* bytes = static_cast<const CK_BYTE*>(attribute->pValue);
-        value->assign(bytes, bytes + attribute->ulValueLen);
-    }
-    return CKR_OK;
-}
-
 // The crypto core's form of the key, made from its attributes on first use
 // and kept on the object until an attribute changes.
 CK_RV keyOf(P11Obj* object, bool isPrivate, rsa_key** key)
@@ -66,7 +55,7 @@ CK_RV keyOf(P11Obj* object, bool isPrivate, rsa_key** key)
                                        CKA_PRIME_2, CKA_EXPONENT_1, CKA_EXPONENT_2, CKA_COEFFICIENT};
     crypto_bytes* values[] = {&c.n, &c.e, &c.d, &c.p, &c.q, &c.dp, &c.dq, &c.qinv};
     for (int i = 0; i < (isPrivate ? 8 : 2); ++i) {
-        const CK_RV rv = readNumber(object, types[i], values[i]);
+        const CK_RV rv = P11SwKeys_readNumber(object, types[i], values[i]);
         if (rv != CKR_OK) return rv;
     }
     const int rc = isPrivate ? rsa_key_new_private(c, key) : rsa_key_new_public(c.n.data(), c.n.size(), c.e.data(), c.e.size(), key);
@@ -88,11 +77,6 @@ P11RsaOperation engineOperation(uint32_t operation)
     case P11_USE_VERIFY_RECOVER: return P11_RSA_VERIFY_RECOVER;
     default: return P11_RSA_SIGN;
     }
-}
-
-CK_RV setNumber(P11Obj* object, CK_ATTRIBUTE_TYPE type, const crypto_bytes& value)
-{
-    return P11Obj_setValue(object, type, value.data(), CK_ULONG(value.size()));
 }
 
 }  // namespace
@@ -124,27 +108,21 @@ CK_RV P11SwRsa_generatePair(const P11Mechanism&, P11Obj* privateKey, P11Obj* pub
     if (rv != CKR_OK) return rv;
     if (bits < 512 || bits > 4096 || bits % 8 != 0) return CKR_KEY_SIZE_RANGE;
     crypto_bytes exponent;
-    rv = readNumber(publicKey, CKA_PUBLIC_EXPONENT, &exponent);
+    rv = P11SwKeys_readNumber(publicKey, CKA_PUBLIC_EXPONENT, &exponent);
     if (rv != CKR_OK) return rv;
 
     rsa_components c;
     const int rc = rsa_generate(unsigned(bits), exponent.data(), exponent.size(), &c);
     if (rc == CRYPTO_ERR_BAD_PARAMETER) return CKR_ATTRIBUTE_VALUE_INVALID;  // the exponent
-    if (rc == CRYPTO_ERR_NO_MEMORY) return CKR_HOST_MEMORY;
-    if (rc != CRYPTO_OK) return CKR_FUNCTION_FAILED;
+    if (rc != CRYPTO_OK) return P11SwKeys_code(rc);
 
-    const CK_ULONG rsa = CKK_RSA;
-    rv = P11Obj_setUlongValue(publicKey, CKA_CLASS, CKO_PUBLIC_KEY);
-    if (rv == CKR_OK) rv = P11Obj_setUlongValue(publicKey, CKA_KEY_TYPE, rsa);
-    if (rv == CKR_OK) rv = setNumber(publicKey, CKA_MODULUS, c.n);
-    if (rv == CKR_OK) rv = setNumber(publicKey, CKA_PUBLIC_EXPONENT, c.e);
-    if (rv == CKR_OK) rv = P11Obj_setBoolValue(publicKey, CKA_LOCAL, CK_TRUE);
-    if (rv == CKR_OK) rv = P11Obj_setUlongValue(privateKey, CKA_CLASS, CKO_PRIVATE_KEY);
-    if (rv == CKR_OK) rv = P11Obj_setUlongValue(privateKey, CKA_KEY_TYPE, rsa);
+    rv = P11SwKeys_setHead(publicKey, CKO_PUBLIC_KEY, CKK_RSA);
+    if (rv == CKR_OK) rv = P11SwKeys_setNumber(publicKey, CKA_MODULUS, c.n);
+    if (rv == CKR_OK) rv = P11SwKeys_setNumber(publicKey, CKA_PUBLIC_EXPONENT, c.e);
+    if (rv == CKR_OK) rv = P11SwKeys_setHead(privateKey, CKO_PRIVATE_KEY, CKK_RSA);
     const CK_ATTRIBUTE_TYPE types[] = {CKA_MODULUS, CKA_PUBLIC_EXPONENT, CKA_PRIVATE_EXPONENT, CKA_PRIME_1,
                                        CKA_PRIME_2, CKA_EXPONENT_1, CKA_EXPONENT_2, CKA_COEFFICIENT};
     const crypto_bytes* values[] = {&c.n, &c.e, &c.d, &c.p, &c.q, &c.dp, &c.dq, &c.qinv};
-    for (int i = 0; i < 8 && rv == CKR_OK; ++i) rv = setNumber(privateKey, types[i], *values[i]);
-    if (rv == CKR_OK) rv = P11Obj_setBoolValue(privateKey, CKA_LOCAL, CK_TRUE);
+    for (int i = 0; i < 8 && rv == CKR_OK; ++i) rv = P11SwKeys_setNumber(privateKey, types[i], *values[i]);
     return rv;
 }
