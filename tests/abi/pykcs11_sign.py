@@ -4,7 +4,7 @@ mirror the user certificates in $HOME/.korvo/user_certificates. For each
 certificate it finds the certificate, public-key and private-key objects by
 CKA_ID (the SHA-256 of the certificate), signs with CKM_SHA256_RSA_PKCS and
 CKM_SHA256_RSA_PKCS_PSS and has openssl verify the signatures against the
-certificate, and decrypts what openssl encrypted to the certificate's key
+certificate and the token verify them with its public key, and decrypts what openssl encrypted to the certificate's key
 with PKCS #1 v1.5 padding (CKM_RSA_PKCS) and with OAEP (SHA-1). Exits 0 when
 every check holds, 1 otherwise, 77 without PyKCS11."""
 
@@ -136,12 +136,18 @@ def main(module):
             if signature is not None:
                 check(f"{name}: CKM_SHA256_RSA_PKCS signature verifies", verifies(pub, data, signature, directory),
                       True)
+                check(f"{name}: the token's public key verifies it", session.verify(public, data, signature, sha256_rsa),
+                      True)
+                check(f"{name}: and refuses another message", session.verify(public, data + b"!", signature, sha256_rsa),
+                      False)
             signature = attempt(f"{name}: CKM_SHA256_RSA_PKCS_PSS signing",
                                 lambda: session.sign(private, data, sha256_pss))
             if signature is not None:
                 check(f"{name}: CKM_SHA256_RSA_PKCS_PSS signature verifies",
                       verifies(pub, data, signature, directory, "-sigopt", "rsa_padding_mode:pss",
                                "-sigopt", "rsa_pss_saltlen:32"), True)
+                check(f"{name}: the token's public key verifies the PSS signature",
+                      session.verify(public, data, signature, sha256_pss), True)
 
             # Two different ciphertexts and the first again: each result must be
             # that of its own input, not a remembered earlier one.
