@@ -9,7 +9,7 @@
 #include <initializer_list>
 
 #include "crypto/crypto_errors.h"
-#include "crypto/map.h"
+#include "crypto/dh.h"
 #include "crypto/rsa.h"
 #include "pkcs11/objects/P11Obj.h"
 #include "pkcs11/objects/P11Obj_dig.h"
@@ -444,46 +444,6 @@ CK_RV completeParameters(P11Obj* object)
     }
 }
 
-// ---------------------------------------------------------------------------
-// Key arithmetic
-
-// A fixed set of numbers, freed (and wiped) together.
-template <int N>
-class Numbers {
-public:
-    Numbers() = default;
-    Numbers(const Numbers&) = delete;
-    Numbers& operator=(const Numbers&) = delete;
-    ~Numbers()
-    {
-        for (map_int* n : numbers_) map_free(n);
-    }
-    CK_RV allocate()
-    {
-        for (map_int*& n : numbers_) {
-            if (map_new(&n) != CRYPTO_OK) return CKR_HOST_MEMORY;
-        }
-        return CKR_OK;
-    }
-    map_int* operator[](int i) const { return numbers_[i]; }
-
-private:
-    map_int* numbers_[N] = {};
-};
-
-// Crypto core codes as Cryptoki codes. The operands all come from the
-// template, so an operation refused for its operands (a zero modulus, no
-// inverse, a negative difference) means the values do not fit together.
-CK_RV mathRv(int rc)
-{
-    switch (rc) {
-    case CRYPTO_OK: return CKR_OK;
-    case CRYPTO_ERR_NO_MEMORY: return CKR_HOST_MEMORY;
-    case CRYPTO_ERR_BAD_PARAMETER: return CKR_TEMPLATE_INCONSISTENT;
-    default: return CKR_GENERAL_ERROR;
-    }
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -770,35 +730,22 @@ CK_RV RSA_Calculate_Rem_Values(P11Obj* object)
 
 CK_RV X942_CheckPublicKey(P11Obj* object)
 {
-    enum { kPrime, kSubprime, kBase, kValue, kWork, kCount };
-    Numbers<kCount> v;
-    CK_RV rv = v.allocate();
     const CK_ATTRIBUTE_TYPE types[] = {CKA_PRIME, CKA_SUBPRIME, CKA_BASE, CKA_VALUE};
-    for (int i = kPrime; i <= kValue && rv == CKR_OK; ++i) rv = P11Obj_getAttributeAsDig(object, types[i], v[i]);
-    if (rv != CKR_OK) return rv;
-
-    map_int* p = v[kPrime];
-    map_int* q = v[kSubprime];
-    map_int* work = v[kWork];
-    for (map_int* candidate : {p, q}) {
-        bool prime = false;
-        rv = mathRv(map_is_probable_prime(candidate, &prime));
+    crypto_bytes values[4];
+    for (int i = 0; i < 4; ++i) {
+        const CK_ATTRIBUTE* attribute = nullptr;
+        const CK_RV rv = P11Obj_peekAttribute(object, types[i], &attribute);
         if (rv != CKR_OK) return rv;
-        if (!prime) return CKR_TEMPLATE_INCONSISTENT;
+        if (!attribute) return CKR_TEMPLATE_INCOMPLETE;
+        const CK_BYTE* bytes = static_cast<const CK_BYTE*>(attribute->pValue);
+        if (bytes) values[i].assign(bytes, bytes + attribute->ulValueLen);
     }
-    // q divides p - 1.
-    rv = mathRv(map_sub_word(work, p, 1));
-    if (rv == CKR_OK) rv = mathRv(map_mod(work, work, q));
-    if (rv != CKR_OK) return rv;
-    if (!map_is_zero(work)) return CKR_TEMPLATE_INCONSISTENT;
-    // The generator and the public value lie in (1, p) and in the subgroup
-    // of order q.
-    for (map_int* element : {v[kBase], v[kValue]}) {
-        if (map_is_zero(element) || map_is_one(element) || map_compare(element, p) >= 0)
-            return CKR_TEMPLATE_INCONSISTENT;
-        rv = mathRv(map_mod_exp(work, element, q, p));
-        if (rv != CKR_OK) return rv;
-        if (!map_is_one(work)) return CKR_TEMPLATE_INCONSISTENT;
+    switch (x942_check_public(values[0], values[1], values[2], values[3])) {
+    case CRYPTO_OK: return CKR_OK;
+    case CRYPTO_ERR_NO_MEMORY: return CKR_HOST_MEMORY;
+    case CRYPTO_ERR_VERIFY_FAILED:
+    case CRYPTO_ERR_BAD_PARAMETER:
+    case CRYPTO_ERR_DATA_RANGE: return CKR_TEMPLATE_INCONSISTENT;
+    default: return CKR_GENERAL_ERROR;
     }
-    return CKR_OK;
 }

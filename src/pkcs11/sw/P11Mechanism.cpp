@@ -1,10 +1,13 @@
 #include "pkcs11/sw/P11Mechanism.h"
 
 #include "pkcs11/objects/P11AttrPolicy.h"
+#include "pkcs11/sw/P11Sw_dh.h"
+#include "pkcs11/sw/P11Sw_dsa.h"
 #include "pkcs11/sw/P11Sw_rsa.h"
 
 namespace {
 
+constexpr uint64_t kDsaKeys = P11_KIND_DSA_PUBLIC | P11_KIND_DSA_PRIVATE;
 constexpr uint64_t kRsaKeys = P11_KIND_RSA_PUBLIC | P11_KIND_RSA_PRIVATE;
 constexpr uint32_t kRsaCipher = P11_USE_ENCRYPT | P11_USE_DECRYPT | P11_USE_WRAP | P11_USE_UNWRAP;
 constexpr uint32_t kRsaSignature = P11_USE_SIGN | P11_USE_VERIFY;
@@ -28,6 +31,18 @@ const P11Mechanism kRegistry[] = {
     {CKM_SHA256_RSA_PKCS_PSS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
     {CKM_SHA384_RSA_PKCS_PSS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
     {CKM_SHA512_RSA_PKCS_PSS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
+    // DSA
+    {CKM_DSA_PARAMETER_GEN, 0, P11_USE_GENERATE, nullptr, P11SwDsa_generateParameters, nullptr, nullptr},
+    {CKM_DSA_KEY_PAIR_GEN, 0, P11_USE_GENERATE_PAIR, nullptr, nullptr, P11SwDsa_generatePair, nullptr},
+    {CKM_DSA, kDsaKeys, P11_USE_SIGN | P11_USE_VERIFY, P11SwDsa_init, nullptr, nullptr, nullptr},
+    {CKM_DSA_SHA1, kDsaKeys, P11_USE_SIGN | P11_USE_VERIFY, P11SwDsa_init, nullptr, nullptr, nullptr},
+    // Diffie-Hellman
+    {CKM_DH_PKCS_PARAMETER_GEN, 0, P11_USE_GENERATE, nullptr, P11SwDh_generateParameters, nullptr, nullptr},
+    {CKM_DH_PKCS_KEY_PAIR_GEN, 0, P11_USE_GENERATE_PAIR, nullptr, nullptr, P11SwDh_generatePair, nullptr},
+    {CKM_DH_PKCS_DERIVE, P11_KIND_DH_PRIVATE, P11_USE_DERIVE, nullptr, nullptr, nullptr, P11SwDh_derive},
+    {CKM_X9_42_DH_PARAMETER_GEN, 0, P11_USE_GENERATE, nullptr, P11SwDh_generateParameters, nullptr, nullptr},
+    {CKM_X9_42_DH_KEY_PAIR_GEN, 0, P11_USE_GENERATE_PAIR, nullptr, nullptr, P11SwDh_generatePair, nullptr},
+    {CKM_X9_42_DH_DERIVE, P11_KIND_X942_PRIVATE, P11_USE_DERIVE, nullptr, nullptr, nullptr, P11SwDh_derive},
 };
 
 constexpr uint64_t kPublicKinds = P11_KIND_RSA_PUBLIC | P11_KIND_DSA_PUBLIC | P11_KIND_EC_PUBLIC |
