@@ -3,8 +3,6 @@
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
-#include <openssl/param_build.h>
-#include <openssl/params.h>
 #include <openssl/rsa.h>
 
 #include <atomic>
@@ -15,6 +13,7 @@
 #include "crypto/crypto_errors.h"
 #include "crypto/map.h"
 #include "crypto/ossl_context.h"
+#include "crypto/pkey_util.h"
 
 struct rsa_key {
     EVP_PKEY* pkey = nullptr;   // null for a private key without e (see noBlinding)
@@ -30,50 +29,20 @@ struct rsa_key {
 
 namespace {
 
-struct BnFree {
-    BIGNUM* bn = nullptr;
-    ~BnFree() { BN_clear_free(bn); }
-};
-
-int pushNumber(OSSL_PARAM_BLD* builder, const char* name, const crypto_bytes& value, BnFree* holder)
-{
-    holder->bn = BN_bin2bn(value.data(), int(value.size()), nullptr);
-    if (holder->bn == nullptr) return CRYPTO_ERR_NO_MEMORY;
-    return OSSL_PARAM_BLD_push_BN(builder, name, holder->bn) ? CRYPTO_OK : CRYPTO_ERR_NO_MEMORY;
-}
-
 // Builds an EVP_PKEY from the named numbers (all present).
 int fromNumbers(const char* const* names, const crypto_bytes* const* values, size_t count, int selection, EVP_PKEY** out)
 {
-    OsslErrorGuard guard;
-    OSSL_LIB_CTX* libctx = crypto_libctx();
-    if (libctx == nullptr) return CRYPTO_ERR_FAILED;
-    OSSL_PARAM_BLD* builder = OSSL_PARAM_BLD_new();
-    if (builder == nullptr) return CRYPTO_ERR_NO_MEMORY;
-    BnFree holders[8];
-    int rc = CRYPTO_OK;
-    for (size_t i = 0; i < count && rc == CRYPTO_OK; ++i) rc = pushNumber(builder, names[i], *values[i], &holders[i]);
-    OSSL_PARAM* params = rc == CRYPTO_OK ? OSSL_PARAM_BLD_to_param(builder) : nullptr;
-    OSSL_PARAM_BLD_free(builder);
-    if (params == nullptr) return rc != CRYPTO_OK ? rc : CRYPTO_ERR_NO_MEMORY;
-    EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new_from_name(libctx, "RSA", nullptr);
-    *out = nullptr;
-    if (ctx == nullptr || EVP_PKEY_fromdata_init(ctx) <= 0 || EVP_PKEY_fromdata(ctx, out, selection, params) <= 0)
-        rc = CRYPTO_ERR_FAILED;
-    EVP_PKEY_CTX_free(ctx);
-    // The parameters hold copies of the key's numbers.
-    for (OSSL_PARAM* param = params; param->key != nullptr; ++param) OPENSSL_cleanse(param->data, param->data_size);
-    OSSL_PARAM_free(params);
+    pk_field fields[8];
+    for (size_t i = 0; i < count; ++i) fields[i] = {names[i], values[i], i >= 2};
+    pk_pkey key;
+    const int rc = pk_from_fields("RSA", selection, fields, count, &key);
+    *out = rc == CRYPTO_OK ? key.release() : nullptr;
     return rc;
 }
 
 crypto_bytes stripped(const unsigned char* bytes, size_t len)
 {
-    while (len > 0 && *bytes == 0) {
-        ++bytes;
-        --len;
-    }
-    return crypto_bytes(bytes, bytes + len);
+    return pk_stripped(bytes, len);
 }
 
 int finishKey(rsa_key* key, const crypto_bytes& n, rsa_key** out)
@@ -358,13 +327,12 @@ int rsa_generate(unsigned bits, const unsigned char* e, size_t eLen, rsa_compone
     OsslErrorGuard guard;
     OSSL_LIB_CTX* libctx = crypto_libctx();
     if (libctx == nullptr) return CRYPTO_ERR_FAILED;
-    BnFree publicExponent;
-    publicExponent.bn = BN_bin2bn(exponent.data(), int(exponent.size()), nullptr);
-    if (publicExponent.bn == nullptr) return CRYPTO_ERR_NO_MEMORY;
+    const pk_bn publicExponent = pk_bn_from(exponent, false);
+    if (!publicExponent) return CRYPTO_ERR_NO_MEMORY;
     EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new_from_name(libctx, "RSA", nullptr);
     EVP_PKEY* pkey = nullptr;
     const bool ok = ctx != nullptr && EVP_PKEY_keygen_init(ctx) > 0 && EVP_PKEY_CTX_set_rsa_keygen_bits(ctx, int(bits)) > 0 &&
-                    EVP_PKEY_CTX_set1_rsa_keygen_pubexp(ctx, publicExponent.bn) > 0 && EVP_PKEY_generate(ctx, &pkey) > 0;
+                    EVP_PKEY_CTX_set1_rsa_keygen_pubexp(ctx, publicExponent.get()) > 0 && EVP_PKEY_generate(ctx, &pkey) > 0;
     EVP_PKEY_CTX_free(ctx);
     if (!ok) return CRYPTO_ERR_FAILED;
 
@@ -374,15 +342,7 @@ int rsa_generate(unsigned bits, const unsigned char* e, size_t eLen, rsa_compone
                                         OSSL_PKEY_PARAM_RSA_EXPONENT2, OSSL_PKEY_PARAM_RSA_COEFFICIENT1};
     crypto_bytes* targets[] = {&out->n, &out->e, &out->d, &out->p, &out->q, &out->dp, &out->dq, &out->qinv};
     int rc = CRYPTO_OK;
-    for (size_t i = 0; i < 8 && rc == CRYPTO_OK; ++i) {
-        BnFree value;
-        if (EVP_PKEY_get_bn_param(pkey, names[i], &value.bn) <= 0) {
-            rc = CRYPTO_ERR_FAILED;
-            break;
-        }
-        targets[i]->assign(size_t(BN_num_bytes(value.bn)), 0);
-        BN_bn2bin(value.bn, targets[i]->data());
-    }
+    for (size_t i = 0; i < 8 && rc == CRYPTO_OK; ++i) rc = pk_get(pkey, names[i], targets[i]);
     EVP_PKEY_free(pkey);
     return rc;
 }
