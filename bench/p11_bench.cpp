@@ -9,14 +9,20 @@
 //   - C_FindObjectsInit + C_FindObjects + C_FindObjectsFinal with a one-label
 //     template that matches one of 1,000 and one of 10,000 session objects;
 //   - EVP_Digest with EVP_sha256() on the same buffers (on one and two threads), and
-//     RAND_bytes of 1 MiB.
+//     RAND_bytes of 1 MiB;
+//   - RSA-2048: CKM_SHA256_RSA_PKCS C_SignInit + C_Sign and C_VerifyInit + C_Verify of 64 bytes
+//     with one key (made by OpenSSL, imported as session objects), against OpenSSL's
+//     EVP_DigestSign and EVP_DigestVerify with the same key; and CKM_RSA_PKCS_KEY_PAIR_GEN of a
+//     2048-bit pair against EVP_PKEY_keygen, as a median over 15 single runs.
 //
 // At the end it prints both modules' figures in one table and the ratios the
 // module is held to: its 1 MiB throughput against OpenSSL's (>= 0.95), its
 // 64-byte call rate against SoftHSM2's (>= 2.7), its two-thread 64-byte rate
 // against its one-thread rate (>= 1.7) and its C_GenerateRandom throughput
 // against SoftHSM2's (>= 1.0); and how the search cost grows from 1,000 to
-// 10,000 objects (linear growth gives about 10). The two-thread family runs
+// 10,000 objects (linear growth gives about 10); and its RSA-2048 signatures
+// and verifications per second against OpenSSL's (>= 0.9) and SoftHSM2's
+// (> 1). The two-thread family runs
 // only with CKF_OS_LOCKING_OK (without locking, one thread at a time).
 //
 //     cmake -S . -B build -DKORVO_BENCH=ON && cmake --build build --target p11_bench
@@ -46,8 +52,10 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <openssl/bn.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
+#include <openssl/rsa.h>
 
 #include "p11_harness.h"
 
@@ -71,6 +79,9 @@ constexpr double kTargetSmallVsSoftHsm = 2.7;
 constexpr double kTargetTwoThreads = 1.7;
 constexpr double kTargetRandomVsSoftHsm = 1.0;
 constexpr CK_ULONG kSha256Length = 32;
+constexpr double kTargetRsaVsOpenSsl = 0.9;
+constexpr double kTargetRsaVsSoftHsm = 1.0;
+constexpr int kKeyGenRuns = 15;
 
 const char* const kKorvo = "Korvo";
 const char* const kSoftHsm = "SoftHSM2";
@@ -84,6 +95,9 @@ const char* const kSessionFamily = "C_OpenSession_C_CloseSession";
 const char* const kCreateFamily = "C_CreateObject_C_DestroyObject";
 const char* const kFindSmallFamily = "C_FindObjects_1_of_1000";
 const char* const kFindLargeFamily = "C_FindObjects_1_of_10000";
+const char* const kRsaSignFamily = "RSA2048_SHA256_RSA_PKCS_Sign";
+const char* const kRsaVerifyFamily = "RSA2048_SHA256_RSA_PKCS_Verify";
+const char* const kRsaKeyGenFamily = "RSA2048_GenerateKeyPair";
 constexpr size_t kFindSmallCount = 1000;
 constexpr size_t kFindLargeCount = 10000;
 
@@ -117,6 +131,11 @@ struct Target {
     CK_SLOT_ID slot = 0;
     CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
     bool ready = false;
+    // The RSA key pair imported for the signature families (none when the
+    // module refused it).
+    CK_OBJECT_HANDLE rsaPublic = CK_INVALID_HANDLE;
+    CK_OBJECT_HANDLE rsaPrivate = CK_INVALID_HANDLE;
+    std::string rsaError;
 };
 
 std::vector<unsigned char> makeBuffer(size_t size)
@@ -415,6 +434,197 @@ void BM_FindOneObject(benchmark::State& state, Target* target, size_t count)
     state.SetItemsProcessed(int64_t(state.iterations()));
 }
 
+// ---- RSA-2048 ----
+
+// The one key every subject uses: made once by OpenSSL.
+EVP_PKEY* rsaKey()
+{
+    static EVP_PKEY* key = EVP_RSA_gen(2048);
+    return key;
+}
+
+std::vector<CK_BYTE> rsaNumber(const char* name)
+{
+    BIGNUM* bn = nullptr;
+    EVP_PKEY_get_bn_param(rsaKey(), name, &bn);
+    std::vector<CK_BYTE> bytes(bn ? size_t(BN_num_bytes(bn)) : 0);
+    if (bn) BN_bn2bin(bn, bytes.data());
+    BN_clear_free(bn);
+    return bytes;
+}
+
+CK_RV signOnce(Target& target, const std::vector<unsigned char>& data, CK_BYTE* signature, CK_ULONG* length)
+{
+    CK_FUNCTION_LIST_PTR f = target.module->functions();
+    CK_MECHANISM mechanism = {CKM_SHA256_RSA_PKCS, nullptr, 0};
+    CK_RV rv = f->C_SignInit(target.session, &mechanism, target.rsaPrivate);
+    if (rv == CKR_OK) rv = f->C_Sign(target.session, const_cast<CK_BYTE_PTR>(data.data()), CK_ULONG(data.size()), signature, length);
+    return rv;
+}
+
+CK_RV verifyOnce(Target& target, const std::vector<unsigned char>& data, CK_BYTE* signature, CK_ULONG length)
+{
+    CK_FUNCTION_LIST_PTR f = target.module->functions();
+    CK_MECHANISM mechanism = {CKM_SHA256_RSA_PKCS, nullptr, 0};
+    CK_RV rv = f->C_VerifyInit(target.session, &mechanism, target.rsaPublic);
+    if (rv == CKR_OK) rv = f->C_Verify(target.session, const_cast<CK_BYTE_PTR>(data.data()), CK_ULONG(data.size()), signature, length);
+    return rv;
+}
+
+// Imports the key as two session objects and checks, before anything is
+// timed, that a signature made by the module verifies with OpenSSL.
+void importRsaKey(Target& target)
+{
+    CK_FUNCTION_LIST_PTR f = target.module->functions();
+    CK_OBJECT_CLASS publicClass = CKO_PUBLIC_KEY, privateClass = CKO_PRIVATE_KEY;
+    CK_KEY_TYPE rsa = CKK_RSA;
+    CK_BBOOL no = CK_FALSE, yes = CK_TRUE;
+    std::vector<CK_BYTE> n = rsaNumber("n"), e = rsaNumber("e"), d = rsaNumber("d"), p = rsaNumber("rsa-factor1"),
+                         q = rsaNumber("rsa-factor2"), dp = rsaNumber("rsa-exponent1"), dq = rsaNumber("rsa-exponent2"),
+                         qinv = rsaNumber("rsa-coefficient1");
+    CK_ATTRIBUTE publicTemplate[] = {
+        {CKA_CLASS, &publicClass, sizeof publicClass}, {CKA_KEY_TYPE, &rsa, sizeof rsa}, {CKA_TOKEN, &no, 1},
+        {CKA_VERIFY, &yes, 1}, {CKA_MODULUS, n.data(), CK_ULONG(n.size())},
+        {CKA_PUBLIC_EXPONENT, e.data(), CK_ULONG(e.size())}};
+    CK_ATTRIBUTE privateTemplate[] = {
+        {CKA_CLASS, &privateClass, sizeof privateClass}, {CKA_KEY_TYPE, &rsa, sizeof rsa}, {CKA_TOKEN, &no, 1},
+        {CKA_PRIVATE, &no, 1}, {CKA_SIGN, &yes, 1}, {CKA_MODULUS, n.data(), CK_ULONG(n.size())},
+        {CKA_PUBLIC_EXPONENT, e.data(), CK_ULONG(e.size())}, {CKA_PRIVATE_EXPONENT, d.data(), CK_ULONG(d.size())},
+        {CKA_PRIME_1, p.data(), CK_ULONG(p.size())}, {CKA_PRIME_2, q.data(), CK_ULONG(q.size())},
+        {CKA_EXPONENT_1, dp.data(), CK_ULONG(dp.size())}, {CKA_EXPONENT_2, dq.data(), CK_ULONG(dq.size())},
+        {CKA_COEFFICIENT, qinv.data(), CK_ULONG(qinv.size())}};
+    CK_RV rv = f->C_CreateObject(target.session, publicTemplate, 6, &target.rsaPublic);
+    if (rv == CKR_OK) rv = f->C_CreateObject(target.session, privateTemplate, 13, &target.rsaPrivate);
+    if (rv != CKR_OK) {
+        target.rsaError = "C_CreateObject of the RSA key returned " + rvName(rv);
+        target.rsaPrivate = target.rsaPublic = CK_INVALID_HANDLE;
+        return;
+    }
+    CK_BYTE signature[512];
+    CK_ULONG length = sizeof signature;
+    rv = signOnce(target, smallBuffer(), signature, &length);
+    if (rv == CKR_OK) rv = verifyOnce(target, smallBuffer(), signature, length);
+    EVP_MD_CTX* ctx = EVP_MD_CTX_new();
+    const bool openSslAgrees = rv == CKR_OK && EVP_DigestVerifyInit(ctx, nullptr, EVP_sha256(), nullptr, rsaKey()) == 1 &&
+                               EVP_DigestVerify(ctx, signature, length, smallBuffer().data(), smallBuffer().size()) == 1;
+    EVP_MD_CTX_free(ctx);
+    if (!openSslAgrees) {
+        target.rsaError = rv != CKR_OK ? "signing or verifying returned " + rvName(rv) : "OpenSSL does not verify its signature";
+        target.rsaPrivate = target.rsaPublic = CK_INVALID_HANDLE;
+    }
+}
+
+void BM_C_Sign(benchmark::State& state, Target* target)
+{
+    CK_BYTE signature[512];
+    for (auto _ : state) {
+        CK_ULONG length = sizeof signature;
+        const CK_RV rv = signOnce(*target, smallBuffer(), signature, &length);
+        if (rv != CKR_OK) {
+            state.SkipWithError(("C_SignInit/C_Sign returned " + rvName(rv)).c_str());
+            break;
+        }
+        benchmark::DoNotOptimize(signature);
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
+void BM_C_Verify(benchmark::State& state, Target* target)
+{
+    CK_BYTE signature[512];
+    CK_ULONG length = sizeof signature;
+    CK_RV rv = signOnce(*target, smallBuffer(), signature, &length);
+    for (auto _ : state) {
+        if (rv == CKR_OK) rv = verifyOnce(*target, smallBuffer(), signature, length);
+        if (rv != CKR_OK) {
+            state.SkipWithError(("C_Sign or C_VerifyInit/C_Verify returned " + rvName(rv)).c_str());
+            break;
+        }
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
+void BM_C_GenerateKeyPair(benchmark::State& state, Target* target)
+{
+    CK_FUNCTION_LIST_PTR f = target->module->functions();
+    CK_ULONG bits = 2048;
+    CK_BYTE exponent[] = {0x01, 0x00, 0x01};
+    CK_BBOOL no = CK_FALSE, yes = CK_TRUE;
+    CK_ATTRIBUTE publicTemplate[] = {{CKA_MODULUS_BITS, &bits, sizeof bits},
+                                     {CKA_PUBLIC_EXPONENT, exponent, sizeof exponent},
+                                     {CKA_TOKEN, &no, 1},
+                                     {CKA_VERIFY, &yes, 1}};
+    CK_ATTRIBUTE privateTemplate[] = {{CKA_TOKEN, &no, 1}, {CKA_PRIVATE, &no, 1}, {CKA_SIGN, &yes, 1}};
+    CK_MECHANISM mechanism = {CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
+    for (auto _ : state) {
+        CK_OBJECT_HANDLE publicKey = CK_INVALID_HANDLE, privateKey = CK_INVALID_HANDLE;
+        const CK_RV rv = f->C_GenerateKeyPair(target->session, &mechanism, publicTemplate, 4, privateTemplate, 3,
+                                              &publicKey, &privateKey);
+        if (rv != CKR_OK) {
+            state.SkipWithError(("C_GenerateKeyPair returned " + rvName(rv)).c_str());
+            break;
+        }
+        state.PauseTiming();
+        f->C_DestroyObject(target->session, publicKey);
+        f->C_DestroyObject(target->session, privateKey);
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
+void BM_EVP_DigestSign(benchmark::State& state)
+{
+    unsigned char signature[512];
+    for (auto _ : state) {
+        EVP_MD_CTX* ctx = EVP_MD_CTX_new();
+        size_t length = sizeof signature;
+        const bool ok = EVP_DigestSignInit(ctx, nullptr, EVP_sha256(), nullptr, rsaKey()) == 1 &&
+                        EVP_DigestSign(ctx, signature, &length, smallBuffer().data(), smallBuffer().size()) == 1;
+        EVP_MD_CTX_free(ctx);
+        if (!ok) {
+            state.SkipWithError("EVP_DigestSign failed");
+            break;
+        }
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
+void BM_EVP_DigestVerify(benchmark::State& state)
+{
+    unsigned char signature[512];
+    size_t length = sizeof signature;
+    EVP_MD_CTX* signer = EVP_MD_CTX_new();
+    EVP_DigestSignInit(signer, nullptr, EVP_sha256(), nullptr, rsaKey());
+    EVP_DigestSign(signer, signature, &length, smallBuffer().data(), smallBuffer().size());
+    EVP_MD_CTX_free(signer);
+    for (auto _ : state) {
+        EVP_MD_CTX* ctx = EVP_MD_CTX_new();
+        const bool ok = EVP_DigestVerifyInit(ctx, nullptr, EVP_sha256(), nullptr, rsaKey()) == 1 &&
+                        EVP_DigestVerify(ctx, signature, length, smallBuffer().data(), smallBuffer().size()) == 1;
+        EVP_MD_CTX_free(ctx);
+        if (!ok) {
+            state.SkipWithError("EVP_DigestVerify failed");
+            break;
+        }
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
+void BM_EVP_PKEY_keygen(benchmark::State& state)
+{
+    for (auto _ : state) {
+        EVP_PKEY* key = EVP_RSA_gen(2048);
+        if (!key) {
+            state.SkipWithError("EVP_RSA_gen failed");
+            break;
+        }
+        state.PauseTiming();
+        EVP_PKEY_free(key);
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
 // Prints as the console reporter does and keeps every run's wall-clock rate
 // (the items_per_second counter: one item is one timed iteration) under
 // "family/subject"; with --benchmark_report_aggregates_only it keeps the
@@ -583,6 +793,28 @@ int main(int argc, char** argv)
             if (target->ready)
                 benchmark::RegisterBenchmark(key(family, name).c_str(), BM_FindOneObject, target, count)->UseRealTime();
 
+    for (const auto& [name, target] : modules)
+        if (target->ready) importRsaKey(*target);
+    for (const auto& [name, target] : modules)
+        if (target->ready && target->rsaPrivate != CK_INVALID_HANDLE)
+            benchmark::RegisterBenchmark(key(kRsaSignFamily, name).c_str(), BM_C_Sign, target)->UseRealTime();
+    benchmark::RegisterBenchmark(key(kRsaSignFamily, kOpenSsl).c_str(), BM_EVP_DigestSign)->UseRealTime();
+    for (const auto& [name, target] : modules)
+        if (target->ready && target->rsaPublic != CK_INVALID_HANDLE)
+            benchmark::RegisterBenchmark(key(kRsaVerifyFamily, name).c_str(), BM_C_Verify, target)->UseRealTime();
+    benchmark::RegisterBenchmark(key(kRsaVerifyFamily, kOpenSsl).c_str(), BM_EVP_DigestVerify)->UseRealTime();
+    // Key generation takes a random time: one pair per run, the median of many runs.
+    for (const auto& [name, target] : modules)
+        if (target->ready)
+            benchmark::RegisterBenchmark(key(kRsaKeyGenFamily, name).c_str(), BM_C_GenerateKeyPair, target)
+                ->Iterations(1)
+                ->Repetitions(kKeyGenRuns)
+                ->UseRealTime();
+    benchmark::RegisterBenchmark(key(kRsaKeyGenFamily, kOpenSsl).c_str(), BM_EVP_PKEY_keygen)
+        ->Iterations(1)
+        ->Repetitions(kKeyGenRuns)
+        ->UseRealTime();
+
     // Colours only on a terminal, as Google Benchmark's own reporter does.
     CollectingReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_Defaults
                                                       : benchmark::ConsoleReporter::OO_Tabular);
@@ -610,6 +842,9 @@ int main(int argc, char** argv)
         {"C_CreateObject+C_DestroyObject [pairs/s]", kCreateFamily, 1.0, false, "%.0f", false},
         {"Find 1 of 1,000 objects      [us/search]", kFindSmallFamily, 1e6, true, "%.1f", false},
         {"Find 1 of 10,000 objects     [us/search]", kFindLargeFamily, 1e6, true, "%.1f", false},
+        {"RSA-2048 SHA256 sign         [sig/s]", kRsaSignFamily, 1.0, false, "%.0f", true},
+        {"RSA-2048 SHA256 verify       [verify/s]", kRsaVerifyFamily, 1.0, false, "%.0f", true},
+        {"RSA-2048 key pair, median    [ms]", kRsaKeyGenFamily, 1e3, true, "%.0f", true},
     };
     size_t reps = 1;
     for (const Row& row : rows)
@@ -646,6 +881,15 @@ int main(int argc, char** argv)
                                                      kTargetTwoThreads, &threadsKnown);
     const bool randomMet = printRatio("Korvo C_GenerateRandom 1 MiB / SoftHSM2", reporter.rate(key(kRandomFamily, kKorvo)),
                                       reporter.rate(key(kRandomFamily, kSoftHsm)), kTargetRandomVsSoftHsm, &randomKnown);
+    bool rsaKnown = false;
+    bool rsaMet = true;
+    for (const auto& [family, what] : {std::pair{kRsaSignFamily, "signatures"}, std::pair{kRsaVerifyFamily, "verifications"}}) {
+        const double ours = reporter.rate(key(family, kKorvo));
+        rsaMet = printRatio((std::string("Korvo RSA-2048 ") + what + "/s / OpenSSL EVP").c_str(), ours,
+                            reporter.rate(key(family, kOpenSsl)), kTargetRsaVsOpenSsl, &rsaKnown) && rsaMet;
+        rsaMet = printRatio((std::string("Korvo RSA-2048 ") + what + "/s / SoftHSM2").c_str(), ours,
+                            reporter.rate(key(family, kSoftHsm)), kTargetRsaVsSoftHsm, &rsaKnown) && rsaMet;
+    }
     // The peers' two-thread scaling, for comparison.
     for (const char* subject : {kSoftHsm, kOpenSsl}) {
         const double one = reporter.rate(key(kSmallFamily, subject)), two = reporter.rate(key(kTwoThreadFamily, subject));
@@ -668,8 +912,10 @@ int main(int argc, char** argv)
     }
     if (!korvo.ready) std::printf("(Korvo not measured: %s)\n", korvo.module->error().c_str());
     if (!softHsm.ready) std::printf("(SoftHSM2 not measured: %s)\n", softHsm.module->error().c_str());
+    for (const auto& [name, target] : modules)
+        if (!target->rsaError.empty()) std::printf("(%s RSA not measured: %s)\n", name, target->rsaError.c_str());
 
     if (!korvo.ready || !softHsm.ready) return 1;
-    if (enforce && (!largeMet || !smallMet || !threadsMet || !randomMet)) return 2;
+    if (enforce && (!largeMet || !smallMet || !threadsMet || !randomMet || !rsaMet)) return 2;
     return 0;
 }
