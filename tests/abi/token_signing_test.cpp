@@ -58,6 +58,15 @@ protected:
         EVP_Digest(input.data(), input.size(), out.data(), nullptr, md, nullptr);
         return out;
     }
+    // Whether the token's own public key for the certificate verifies it.
+    CK_RV tokenVerify(CK_MECHANISM mechanism, const Blob& input, const Blob& signature)
+    {
+        const CK_OBJECT_HANDLE publicKey = objectOf(CKO_PUBLIC_KEY, certificate(kUser));
+        CK_RV rv = p->C_VerifyInit(session, &mechanism, publicKey);
+        if (rv != CKR_OK) return rv;
+        return p->C_Verify(session, const_cast<CK_BYTE*>(input.data()), input.size(),
+                           const_cast<CK_BYTE*>(signature.data()), signature.size());
+    }
     std::string keyFile() { return storeFolder("keys") + "/" + sha256Hex(certificate(kUser)) + ".pem"; }
 };
 
@@ -75,21 +84,27 @@ const HashCase kHashes[] = {
     {CKM_SHA512_RSA_PKCS, CKM_SHA512_RSA_PKCS_PSS, CKM_SHA512, CKG_MGF1_SHA512, EVP_sha512},
 };
 
-TEST_F(TokenKeys, SignaturesOfEveryHashAndPaddingVerifyWithTheCertificate)
+TEST_F(TokenKeys, SignaturesOfEveryHashAndPaddingVerifyWithTheCertificateAndTheTokensPublicKey)
 {
+    const Blob digestInput{'o', 't', 'h', 'e', 'r'};
     for (const HashCase& c : kHashes) {
         SCOPED_TRACE(EVP_MD_get0_name(c.md()));
         Blob signature;
         ASSERT_EQ(sign({c.pkcs1, nullptr, 0}, data, &signature), CKR_OK);
         EXPECT_EQ(signature.size(), k);
         EXPECT_TRUE(verifies(reference.get(), c.md(), data, signature));
+        EXPECT_EQ(tokenVerify({c.pkcs1, nullptr, 0}, data, signature), CKR_OK);
 
         CK_RSA_PKCS_PSS_PARAMS params = {c.hash, c.mgf, CK_ULONG(EVP_MD_size(c.md()))};
         ASSERT_EQ(sign({c.pss, &params, sizeof params}, data, &signature), CKR_OK);
         EXPECT_TRUE(verifies(reference.get(), c.md(), data, signature, true));
+        EXPECT_EQ(tokenVerify({c.pss, &params, sizeof params}, data, signature), CKR_OK);
         // Plain PSS signs the caller's digest.
         ASSERT_EQ(sign({CKM_RSA_PKCS_PSS, &params, sizeof params}, sha(c.md(), data), &signature), CKR_OK);
         EXPECT_TRUE(verifies(reference.get(), c.md(), data, signature, true));
+        EXPECT_EQ(tokenVerify({CKM_RSA_PKCS_PSS, &params, sizeof params}, sha(c.md(), data), signature), CKR_OK);
+        EXPECT_EQ(tokenVerify({CKM_RSA_PKCS_PSS, &params, sizeof params}, sha(c.md(), digestInput), signature),
+                  CKR_SIGNATURE_INVALID);
     }
 
     // CKM_RSA_PKCS signs a DigestInfo the caller built.
@@ -101,6 +116,18 @@ TEST_F(TokenKeys, SignaturesOfEveryHashAndPaddingVerifyWithTheCertificate)
     Blob signature;
     ASSERT_EQ(sign({CKM_RSA_PKCS, nullptr, 0}, digestInfo, &signature), CKR_OK);
     EXPECT_TRUE(verifies(reference.get(), EVP_sha256(), data, signature));
+    EXPECT_EQ(tokenVerify({CKM_RSA_PKCS, nullptr, 0}, digestInfo, signature), CKR_OK);
+    // Raw RSA: the public key recovers the very block that was signed.
+    Blob block(k, 0x33);
+    block[0] = 0x00;
+    ASSERT_EQ(sign({CKM_RSA_X_509, nullptr, 0}, block, &signature), CKR_OK);
+    EXPECT_EQ(tokenVerify({CKM_RSA_X_509, nullptr, 0}, block, signature), CKR_OK);
+    CK_MECHANISM raw{CKM_RSA_X_509, nullptr, 0};
+    ASSERT_EQ(p->C_VerifyRecoverInit(session, &raw, objectOf(CKO_PUBLIC_KEY, certificate(kUser))), CKR_OK);
+    Blob recovered(k);
+    CK_ULONG length = k;
+    ASSERT_EQ(p->C_VerifyRecover(session, signature.data(), signature.size(), recovered.data(), &length), CKR_OK);
+    EXPECT_EQ(recovered, block);
 }
 
 TEST_F(TokenKeys, MultiPartSigningEqualsSinglePartAndSurvivesSizeQueries)
