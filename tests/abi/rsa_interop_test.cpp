@@ -9,8 +9,6 @@
 // the module answers as Cryptoki has it: the bad-input table checks the
 // module alone.
 
-#include <dlfcn.h>
-
 #include <openssl/core_names.h>
 #include <openssl/param_build.h>
 #include <openssl/evp.h>
@@ -24,38 +22,10 @@
 #include <vector>
 
 #include "abi/object_helpers.h"
+#include "abi/softokn_peer.h"
 
 namespace korvo {
 namespace {
-
-const char* const kSoftokn = "/usr/lib/x86_64-linux-gnu/libsoftokn3.so";
-
-struct Side {
-    const char* name = nullptr;
-    CK_FUNCTION_LIST_PTR f = nullptr;
-    CK_SESSION_HANDLE s = CK_INVALID_HANDLE;
-    CK_OBJECT_HANDLE pub = CK_INVALID_HANDLE, priv = CK_INVALID_HANDLE;
-};
-
-// NSS's software token, without databases; its crypto slot takes session
-// keys without a login. Loaded once per process, finalised at exit.
-CK_FUNCTION_LIST_PTR softokn()
-{
-    static CK_FUNCTION_LIST_PTR list = [] () -> CK_FUNCTION_LIST_PTR {
-        void* handle = dlopen(kSoftokn, RTLD_NOW | RTLD_LOCAL);
-        if (!handle) return nullptr;
-        auto get = reinterpret_cast<CK_C_GetFunctionList>(dlsym(handle, "C_GetFunctionList"));
-        CK_FUNCTION_LIST_PTR functions = nullptr;
-        if (!get || get(&functions) != CKR_OK) return nullptr;
-        static char parameters[] = "configdir='' certPrefix='' keyPrefix='' secmod='' flags=noCertDB,noModDB,readOnly";
-        InitArgs args;
-        args.flags = CKF_OS_LOCKING_OK;
-        args.pReserved = parameters;
-        if (functions->C_Initialize(&args) != CKR_OK) return nullptr;
-        return functions;
-    }();
-    return list;
-}
 
 using Pkey = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 
@@ -275,31 +245,13 @@ class RsaInterop : public ObjectTest {
 protected:
     Side korvo() { return Side{"Korvo", p, session}; }
 
-    // The peer's session on its crypto slot (the first with a token), or
-    // null with the reason.
-    bool peer(Side* side, std::string* why)
-    {
-        CK_FUNCTION_LIST_PTR f = softokn();
-        if (!f) {
-            *why = std::string("NSS's software token (") + kSoftokn + ") cannot be loaded";
-            return false;
-        }
-        CK_SLOT_ID slots[8];
-        CK_ULONG count = 8;
-        if (f->C_GetSlotList(CK_TRUE, slots, &count) != CKR_OK || count == 0) {
-            *why = "the NSS software token shows no slot";
-            return false;
-        }
-        *side = Side{"softokn", f};
-        return f->C_OpenSession(slots[0], CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &side->s) == CKR_OK;
-    }
 };
 
 TEST_F(RsaInterop, EveryMechanismAgreesWithOpenSslAndTheNssSoftwareToken)
 {
     Side nss;
     std::string why;
-    const bool havePeer = peer(&nss, &why);
+    const bool havePeer = softoknSession(&nss, &why);
     if (!havePeer) {
         std::cout << "[ NOTE ] comparing with OpenSSL only: " << why << "\n";
     }
