@@ -112,15 +112,7 @@ int generateX942Key(const crypto_bytes& p, const crypto_bytes& g, const crypto_b
     if (EVP_PKEY_keygen(ctx.get(), &generated) <= 0)
         return CRYPTO_ERR_BAD_PARAMETER;
     pk_pkey key(generated);
-    crypto_bytes priv, pub;
-    rc = pk_get(key.get(), OSSL_PKEY_PARAM_PRIV_KEY, &priv);
-    if (rc == CRYPTO_OK)
-        rc = pk_get(key.get(), OSSL_PKEY_PARAM_PUB_KEY, &pub);
-    if (rc != CRYPTO_OK)
-        return rc;
-    x->swap(priv);
-    y->swap(pub);
-    return CRYPTO_OK;
+    return pk_get_pair(key.get(), x, y);
 }
 
 // Runs a "DH" or "DHX" parameter generation with the given settings and

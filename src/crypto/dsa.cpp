@@ -87,15 +87,7 @@ int dsa_generate_key(const dsa_params& params, crypto_bytes* x, crypto_bytes* y)
         if (ctx == nullptr || EVP_PKEY_keygen_init(ctx.get()) <= 0 || EVP_PKEY_keygen(ctx.get(), &generated) <= 0)
             return CRYPTO_ERR_FAILED;
         pk_pkey key(generated);
-        crypto_bytes priv, pub;
-        rc = pk_get(key.get(), OSSL_PKEY_PARAM_PRIV_KEY, &priv);
-        if (rc == CRYPTO_OK)
-            rc = pk_get(key.get(), OSSL_PKEY_PARAM_PUB_KEY, &pub);
-        if (rc != CRYPTO_OK)
-            return rc;
-        x->swap(priv);
-        y->swap(pub);
-        return CRYPTO_OK;
+        return pk_get_pair(key.get(), x, y);
     });
 }
 

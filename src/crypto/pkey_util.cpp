@@ -1,5 +1,6 @@
 #include "crypto/pkey_util.h"
 
+#include <openssl/core_names.h>
 #include <openssl/bn.h>
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
@@ -224,5 +225,18 @@ int pk_check_group(const crypto_bytes& p, const crypto_bytes& q, const crypto_by
         if (!map_is_one(work))
             return CRYPTO_ERR_VERIFY_FAILED;
     }
+    return CRYPTO_OK;
+}
+
+int pk_get_pair(const EVP_PKEY* key, crypto_bytes* x, crypto_bytes* y)
+{
+    crypto_bytes priv, pub;
+    int rc = pk_get(key, OSSL_PKEY_PARAM_PRIV_KEY, &priv);
+    if (rc == CRYPTO_OK)
+        rc = pk_get(key, OSSL_PKEY_PARAM_PUB_KEY, &pub);
+    if (rc != CRYPTO_OK)
+        return rc;
+    x->swap(priv);
+    y->swap(pub);
     return CRYPTO_OK;
 }

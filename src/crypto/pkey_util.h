@@ -60,6 +60,10 @@ int pk_from_fields(const char* type, int selection, const pk_field* fields, size
 // A number read back from a key. CRYPTO_ERR_FAILED when the key lacks it.
 int pk_get(const EVP_PKEY* key, const char* name, crypto_bytes* out);
 
+// The private and public values of a generated DSA or DH key; the outputs
+// change only when both were read.
+int pk_get_pair(const EVP_PKEY* key, crypto_bytes* x, crypto_bytes* y);
+
 // A context for an operation on `key` in the module's context.
 pk_pkey_ctx pk_ctx_for(EVP_PKEY* key);
 

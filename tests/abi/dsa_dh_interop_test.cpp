@@ -13,26 +13,17 @@
 #include <memory>
 
 #include "abi/object_helpers.h"
+#include "abi/rsa_reference.h"
 #include "abi/softokn_peer.h"
 
 namespace korvo {
 namespace {
 
-using Pkey = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
-
-Bytes number(EVP_PKEY* key, const char* name)
-{
-    BIGNUM* bn = nullptr;
-    EVP_PKEY_get_bn_param(key, name, &bn);
-    Bytes out(bn ? size_t(BN_num_bytes(bn)) : 0);
-    if (bn) BN_bn2bin(bn, out.data());
-    BN_clear_free(bn);
-    return out;
-}
+using OwnedKey = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 
 // A key of OpenSSL's: parameters first (DSA of the given sizes, or a named
 // finite-field group), then the key over them.
-Pkey opensslKey(const char* type, unsigned bits, unsigned qbits, const char* group)
+OwnedKey opensslKey(const char* type, unsigned bits, unsigned qbits, const char* group)
 {
     EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr);
     EVP_PKEY* params = nullptr;
@@ -54,7 +45,7 @@ Pkey opensslKey(const char* type, unsigned bits, unsigned qbits, const char* gro
         EVP_PKEY_free(params);
     }
     EVP_PKEY_CTX_free(ctx);
-    return Pkey(key, EVP_PKEY_free);
+    return OwnedKey(key, EVP_PKEY_free);
 }
 
 // The key's group and value as Cryptoki templates of the given type.
@@ -62,14 +53,14 @@ Tmpl keyTemplate(EVP_PKEY* key, CK_OBJECT_CLASS objectClass, CK_KEY_TYPE type)
 {
     Tmpl t;
     t.ulong(CKA_CLASS, objectClass).ulong(CKA_KEY_TYPE, type).flag(CKA_TOKEN, false);
-    t.add(CKA_PRIME, number(key, "p")).add(CKA_BASE, number(key, "g"));
-    if (type == CKK_DSA) t.add(CKA_SUBPRIME, number(key, "q"));
+    t.add(CKA_PRIME, keyNumber(key, "p")).add(CKA_BASE, keyNumber(key, "g"));
+    if (type == CKK_DSA) t.add(CKA_SUBPRIME, keyNumber(key, "q"));
     if (objectClass == CKO_PRIVATE_KEY) {
         t.flag(CKA_PRIVATE, false).flag(CKA_SENSITIVE, false);
         t.flag(type == CKK_DSA ? CKA_SIGN : CKA_DERIVE, true);
-        t.add(CKA_VALUE, number(key, "priv"));
+        t.add(CKA_VALUE, keyNumber(key, "priv"));
     } else {
-        t.add(CKA_VALUE, number(key, "pub"));
+        t.add(CKA_VALUE, keyNumber(key, "pub"));
     }
     return t;
 }
@@ -103,7 +94,7 @@ TEST_F(DsaDhInterop, EachTokenVerifiesTheOthersDsaSignatures)
     };
     for (const Size& size : {Size{1024, 160}, Size{2048, 256}}) {
         SCOPED_TRACE(size.bits);
-        Pkey key = opensslKey("DSA", size.bits, size.qbits, nullptr);
+        OwnedKey key = opensslKey("DSA", size.bits, size.qbits, nullptr);
         ASSERT_NE(key, nullptr);
         ours = Side{"Korvo", p, session};
         ASSERT_EQ(import(ours, key.get(), CKK_DSA), CKR_OK);
@@ -137,8 +128,8 @@ TEST_F(DsaDhInterop, EachTokenVerifiesTheOthersDsaSignatures)
 
 TEST_F(DsaDhInterop, BothTokensAndOpenSslDeriveTheSameDiffieHellmanKey)
 {
-    Pkey mine = opensslKey("DH", 0, 0, "ffdhe2048");
-    Pkey other = opensslKey("DH", 0, 0, "ffdhe2048");
+    OwnedKey mine = opensslKey("DH", 0, 0, "ffdhe2048");
+    OwnedKey other = opensslKey("DH", 0, 0, "ffdhe2048");
     ASSERT_NE(mine, nullptr);
     ASSERT_NE(other, nullptr);
     // OpenSSL's shared secret, padded to the prime's length.
@@ -152,7 +143,7 @@ TEST_F(DsaDhInterop, BothTokensAndOpenSslDeriveTheSameDiffieHellmanKey)
     EVP_PKEY_CTX_free(ctx);
     ASSERT_EQ(secretLen, 256u);
 
-    Bytes peerValue = number(other.get(), "pub");
+    Bytes peerValue = keyNumber(other.get(), "pub");
     for (CK_ULONG length : {CK_ULONG(16), CK_ULONG(256)}) {
         SCOPED_TRACE(length);
         Bytes derived[2];

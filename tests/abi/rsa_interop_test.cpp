@@ -22,34 +22,25 @@
 #include <vector>
 
 #include "abi/object_helpers.h"
+#include "abi/rsa_reference.h"
 #include "abi/softokn_peer.h"
 
 namespace korvo {
 namespace {
 
-using Pkey = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
-
-Bytes number(EVP_PKEY* key, const char* name)
-{
-    BIGNUM* bn = nullptr;
-    EVP_PKEY_get_bn_param(key, name, &bn);
-    Bytes out(bn ? size_t(BN_num_bytes(bn)) : 0);
-    if (bn) BN_bn2bin(bn, out.data());
-    BN_clear_free(bn);
-    return out;
-}
+using OwnedKey = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 
 CK_RV import(Side& side, EVP_PKEY* key)
 {
     Tmpl pub;
     pub.ulong(CKA_CLASS, CKO_PUBLIC_KEY).ulong(CKA_KEY_TYPE, CKK_RSA).flag(CKA_TOKEN, false);
-    pub.add(CKA_MODULUS, number(key, "n")).add(CKA_PUBLIC_EXPONENT, number(key, "e"));
+    pub.add(CKA_MODULUS, keyNumber(key, "n")).add(CKA_PUBLIC_EXPONENT, keyNumber(key, "e"));
     Tmpl priv;
     priv.ulong(CKA_CLASS, CKO_PRIVATE_KEY).ulong(CKA_KEY_TYPE, CKK_RSA).flag(CKA_TOKEN, false).flag(CKA_PRIVATE, false);
-    priv.add(CKA_MODULUS, number(key, "n")).add(CKA_PUBLIC_EXPONENT, number(key, "e"));
-    priv.add(CKA_PRIVATE_EXPONENT, number(key, "d")).add(CKA_PRIME_1, number(key, "rsa-factor1"));
-    priv.add(CKA_PRIME_2, number(key, "rsa-factor2")).add(CKA_EXPONENT_1, number(key, "rsa-exponent1"));
-    priv.add(CKA_EXPONENT_2, number(key, "rsa-exponent2")).add(CKA_COEFFICIENT, number(key, "rsa-coefficient1"));
+    priv.add(CKA_MODULUS, keyNumber(key, "n")).add(CKA_PUBLIC_EXPONENT, keyNumber(key, "e"));
+    priv.add(CKA_PRIVATE_EXPONENT, keyNumber(key, "d")).add(CKA_PRIME_1, keyNumber(key, "rsa-factor1"));
+    priv.add(CKA_PRIME_2, keyNumber(key, "rsa-factor2")).add(CKA_EXPONENT_1, keyNumber(key, "rsa-exponent1"));
+    priv.add(CKA_EXPONENT_2, keyNumber(key, "rsa-exponent2")).add(CKA_COEFFICIENT, keyNumber(key, "rsa-coefficient1"));
     CK_RV rv = side.f->C_CreateObject(side.s, pub.data(), pub.size(), &side.pub);
     if (rv == CKR_OK) rv = side.f->C_CreateObject(side.s, priv.data(), priv.size(), &side.priv);
     return rv;
@@ -256,7 +247,7 @@ TEST_F(RsaInterop, EveryMechanismAgreesWithOpenSslAndTheNssSoftwareToken)
         std::cout << "[ NOTE ] comparing with OpenSSL only: " << why << "\n";
     }
     for (unsigned bits : {1024u, 2048u}) {
-        Pkey key(EVP_RSA_gen(bits), EVP_PKEY_free);
+        OwnedKey key(EVP_RSA_gen(bits), EVP_PKEY_free);
         ASSERT_NE(key, nullptr);
         Side ours = korvo();
         ASSERT_EQ(import(ours, key.get()), CKR_OK);
@@ -349,7 +340,7 @@ TEST_F(RsaInterop, GeneratedKeysLoadIntoOpenSslAndWork)
         EVP_PKEY* raw = nullptr;
         EVP_PKEY_fromdata_init(ctx);
         EXPECT_EQ(EVP_PKEY_fromdata(ctx, &raw, EVP_PKEY_KEYPAIR, params), 1);
-        Pkey key(raw, EVP_PKEY_free);
+        OwnedKey key(raw, EVP_PKEY_free);
         EVP_PKEY_CTX_free(ctx);
         OSSL_PARAM_free(params);
         OSSL_PARAM_BLD_free(builder);
@@ -373,14 +364,14 @@ TEST_F(RsaInterop, GeneratedKeysLoadIntoOpenSslAndWork)
 // Bad input, each with Cryptoki's code, and the session usable afterwards.
 TEST_F(RsaInterop, BadInputGetsCryptokisCodesAndTheSessionGoesOn)
 {
-    Pkey key(EVP_RSA_gen(1024), EVP_PKEY_free);
+    OwnedKey key(EVP_RSA_gen(1024), EVP_PKEY_free);
     Side ours = korvo();
     ASSERT_EQ(import(ours, key.get()), CKR_OK);
     Tmpl noSign;
     noSign.ulong(CKA_CLASS, CKO_PRIVATE_KEY).ulong(CKA_KEY_TYPE, CKK_RSA).flag(CKA_PRIVATE, false).flag(CKA_SIGN, false);
     for (const char* name : {"n", "e", "d"})
         noSign.add(name[0] == 'n' ? CKA_MODULUS : name[0] == 'e' ? CKA_PUBLIC_EXPONENT : CKA_PRIVATE_EXPONENT,
-                   number(key.get(), name));
+                   keyNumber(key.get(), name));
     const CK_OBJECT_HANDLE unusable = make(noSign);
     const CK_OBJECT_HANDLE secret = make(secretKey());
 

@@ -3,6 +3,7 @@
 // certificate, signature verification, encryption and the raw public-key
 // operation that shows a signature's padded block.
 
+#include <openssl/bn.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
@@ -80,6 +81,17 @@ inline Blob publicRaw(EVP_PKEY* key, const Blob& signature)
     EVP_PKEY_CTX_free(ctx);
     if (!ok) return Blob();
     out.resize(length);
+    return out;
+}
+
+// A number of an OpenSSL key ("n", "priv", "p"...) as big-endian bytes.
+inline Blob keyNumber(EVP_PKEY* key, const char* name)
+{
+    BIGNUM* bn = nullptr;
+    EVP_PKEY_get_bn_param(key, name, &bn);
+    Blob out(bn ? size_t(BN_num_bytes(bn)) : 0);
+    if (bn) BN_bn2bin(bn, out.data());
+    BN_clear_free(bn);
     return out;
 }
 
