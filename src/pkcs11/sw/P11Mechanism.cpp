@@ -4,6 +4,7 @@
 #include "pkcs11/sw/P11Sw_dh.h"
 #include "pkcs11/sw/P11Sw_dsa.h"
 #include "pkcs11/sw/P11Sw_rsa.h"
+#include "pkcs11/sw/P11Sw_secret.h"
 
 namespace {
 
@@ -31,6 +32,14 @@ const P11Mechanism kRegistry[] = {
     {CKM_SHA256_RSA_PKCS_PSS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
     {CKM_SHA384_RSA_PKCS_PSS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
     {CKM_SHA512_RSA_PKCS_PSS, kRsaKeys, kRsaSignature, P11SwRsa_init, nullptr, nullptr, nullptr},
+    // Secret keys
+    {CKM_DES_KEY_GEN, 0, P11_USE_GENERATE, nullptr, P11SwSecret_generate, nullptr, nullptr},
+    {CKM_DES2_KEY_GEN, 0, P11_USE_GENERATE, nullptr, P11SwSecret_generate, nullptr, nullptr},
+    {CKM_DES3_KEY_GEN, 0, P11_USE_GENERATE, nullptr, P11SwSecret_generate, nullptr, nullptr},
+    {CKM_AES_KEY_GEN, 0, P11_USE_GENERATE, nullptr, P11SwSecret_generate, nullptr, nullptr},
+    {CKM_RC2_KEY_GEN, 0, P11_USE_GENERATE, nullptr, P11SwSecret_generate, nullptr, nullptr},
+    {CKM_RC4_KEY_GEN, 0, P11_USE_GENERATE, nullptr, P11SwSecret_generate, nullptr, nullptr},
+    {CKM_GENERIC_SECRET_KEY_GEN, 0, P11_USE_GENERATE, nullptr, P11SwSecret_generate, nullptr, nullptr},
     // DSA
     {CKM_DSA_PARAMETER_GEN, 0, P11_USE_GENERATE, nullptr, P11SwDsa_generateParameters, nullptr, nullptr},
     {CKM_DSA_KEY_PAIR_GEN, 0, P11_USE_GENERATE_PAIR, nullptr, nullptr, P11SwDsa_generatePair, nullptr},

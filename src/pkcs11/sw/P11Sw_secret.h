@@ -1,0 +1,7 @@
+#pragma once
+// The secret-key generation rows of the software mechanism registry: DES
+// (single, two- and three-key), AES, RC2, RC4 and generic secrets.
+
+#include "pkcs11/sw/P11Mechanism.h"
+
+CK_RV P11SwSecret_generate(const P11Mechanism& row, P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism);
