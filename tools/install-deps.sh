@@ -8,6 +8,7 @@ packages=(
   qt6-base-dev
   libssl-dev openssl
   libnss3-dev libnspr4-dev
+  libnss3   # NSS's software token (libsoftokn3.so), the peer of the whole-library differential tests
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   opensc softhsm2 python3-pykcs11
   libnss3-tools gnutls-bin libengine-pkcs11-openssl p11-kit p11-kit-modules ca-certificates   # client applications

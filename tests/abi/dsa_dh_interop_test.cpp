@@ -13,8 +13,8 @@
 #include <memory>
 
 #include "abi/object_helpers.h"
+#include "abi/peer_module.h"
 #include "abi/rsa_reference.h"
-#include "abi/softokn_peer.h"
 
 namespace korvo {
 namespace {
@@ -65,6 +65,11 @@ Tmpl keyTemplate(EVP_PKEY* key, CK_OBJECT_CLASS objectClass, CK_KEY_TYPE type)
     return t;
 }
 
+// A token with the key pair the test imported into it.
+struct Side : P11Side {
+    CK_OBJECT_HANDLE pub = CK_INVALID_HANDLE, priv = CK_INVALID_HANDLE;
+};
+
 class DsaDhInterop : public ObjectTest {
 protected:
     void SetUp() override
@@ -72,8 +77,15 @@ protected:
         ObjectTest::SetUp();
         if (HasFatalFailure()) return;
         std::string why;
-        if (!softoknSession(&peer, &why)) GTEST_SKIP() << why;
-        ours = Side{"Korvo", p, session};
+        if (!openSoftokn(&peer, &why)) GTEST_SKIP() << why;
+        ours.f = p;
+        ours.s = session;
+        ours.name = "Korvo";
+    }
+    void TearDown() override
+    {
+        closeSide(&peer);
+        ObjectTest::TearDown();
     }
 
     static CK_RV import(Side& side, EVP_PKEY* key, CK_KEY_TYPE type)
@@ -96,7 +108,6 @@ TEST_F(DsaDhInterop, EachTokenVerifiesTheOthersDsaSignatures)
         SCOPED_TRACE(size.bits);
         OwnedKey key = opensslKey("DSA", size.bits, size.qbits, nullptr);
         ASSERT_NE(key, nullptr);
-        ours = Side{"Korvo", p, session};
         ASSERT_EQ(import(ours, key.get(), CKK_DSA), CKR_OK);
         ASSERT_EQ(import(peer, key.get(), CKK_DSA), CKR_OK);
         const Bytes digest(size.qbits / 8, 0x42);
