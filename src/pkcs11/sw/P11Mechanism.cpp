@@ -2,12 +2,16 @@
 
 #include "pkcs11/objects/P11AttrPolicy.h"
 #include "pkcs11/sw/P11Sw_dh.h"
+#include "pkcs11/sw/P11Sw_cipher.h"
 #include "pkcs11/sw/P11Sw_dsa.h"
 #include "pkcs11/sw/P11Sw_rsa.h"
 #include "pkcs11/sw/P11Sw_secret.h"
 
 namespace {
 
+constexpr uint64_t kFixedSecret = P11_KIND_FIXED_SECRET;
+constexpr uint64_t kVariableSecret = P11_KIND_VARIABLE_SECRET;
+constexpr uint32_t kCipherUses = P11_USE_ENCRYPT | P11_USE_DECRYPT | P11_USE_WRAP | P11_USE_UNWRAP;
 constexpr uint64_t kDsaKeys = P11_KIND_DSA_PUBLIC | P11_KIND_DSA_PRIVATE;
 constexpr uint64_t kRsaKeys = P11_KIND_RSA_PUBLIC | P11_KIND_RSA_PRIVATE;
 constexpr uint32_t kRsaCipher = P11_USE_ENCRYPT | P11_USE_DECRYPT | P11_USE_WRAP | P11_USE_UNWRAP;
@@ -40,6 +44,16 @@ const P11Mechanism kRegistry[] = {
     {CKM_RC2_KEY_GEN, 0, P11_USE_GENERATE, nullptr, P11SwSecret_generate, nullptr, nullptr},
     {CKM_RC4_KEY_GEN, 0, P11_USE_GENERATE, nullptr, P11SwSecret_generate, nullptr, nullptr},
     {CKM_GENERIC_SECRET_KEY_GEN, 0, P11_USE_GENERATE, nullptr, P11SwSecret_generate, nullptr, nullptr},
+    // Block ciphers
+    {CKM_DES_ECB, kFixedSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
+    {CKM_DES_CBC, kFixedSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
+    {CKM_DES_CBC_PAD, kFixedSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
+    {CKM_DES3_ECB, kFixedSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
+    {CKM_DES3_CBC, kFixedSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
+    {CKM_DES3_CBC_PAD, kFixedSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
+    {CKM_AES_ECB, kVariableSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
+    {CKM_AES_CBC, kVariableSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
+    {CKM_AES_CBC_PAD, kVariableSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
     // DSA
     {CKM_DSA_PARAMETER_GEN, 0, P11_USE_GENERATE, nullptr, P11SwDsa_generateParameters, nullptr, nullptr},
     {CKM_DSA_KEY_PAIR_GEN, 0, P11_USE_GENERATE_PAIR, nullptr, nullptr, P11SwDsa_generatePair, nullptr},
