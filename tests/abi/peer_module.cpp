@@ -385,15 +385,17 @@ CK_RV signRecover(const P11Side& side, CK_MECHANISM m, CK_OBJECT_HANDLE key, con
         [&](CK_BYTE_PTR o, CK_ULONG_PTR n) { return side.f->C_SignRecover(side.s, bytes(in), length(in), o, n); }, out);
 }
 
+// One call with a buffer as long as the signature: verify-recover ends its
+// operation after any call, a length query included, as verification does.
 CK_RV verifyRecover(const P11Side& side, CK_MECHANISM m, CK_OBJECT_HANDLE key, const Bytes& signature, Bytes* out)
 {
     CK_RV rv = side.f->C_VerifyRecoverInit(side.s, &m, key);
     if (rv != CKR_OK) return rv;
-    return twice(
-        [&](CK_BYTE_PTR o, CK_ULONG_PTR n) {
-            return side.f->C_VerifyRecover(side.s, bytes(signature), length(signature), o, n);
-        },
-        out);
+    out->assign(signature.size() + 1, 0);
+    CK_ULONG n = CK_ULONG(out->size());
+    rv = side.f->C_VerifyRecover(side.s, bytes(signature), length(signature), out->data(), &n);
+    out->resize(rv == CKR_OK ? n : 0);
+    return rv;
 }
 
 CK_RV wrapKey(const P11Side& side, CK_MECHANISM m, CK_OBJECT_HANDLE wrappingKey, CK_OBJECT_HANDLE key, Bytes* out)

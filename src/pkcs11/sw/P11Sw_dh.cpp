@@ -63,7 +63,7 @@ CK_RV P11SwDh_generateParameters(const P11Mechanism& row, P11Obj* object, P11Ses
                         : dh_generate_params(unsigned(bits), &p, &g);
     if (rc == CRYPTO_ERR_BAD_PARAMETER) return CKR_KEY_SIZE_RANGE;
     if (rc != CRYPTO_OK) return P11SwKeys_code(rc);
-    rv = P11SwKeys_setHead(object, CKO_DOMAIN_PARAMETERS, x942 ? CKK_X9_42_DH : CKK_DH);
+    rv = P11SwKeys_setHead(object, CKO_DOMAIN_PARAMETERS, x942 ? CKK_X9_42_DH : CKK_DH, mechanism->mechanism);
     if (rv == CKR_OK) rv = storeGroup(object, x942, p, q, g);
     return rv;
 }
@@ -87,9 +87,9 @@ CK_RV P11SwDh_generatePair(const P11Mechanism& row, P11Obj* privateKey, P11Obj* 
     if (rc == CRYPTO_ERR_BAD_PARAMETER) return CKR_DOMAIN_PARAMS_INVALID;
     if (rc != CRYPTO_OK) return P11SwKeys_code(rc);
     const CK_KEY_TYPE type = x942 ? CKK_X9_42_DH : CKK_DH;
-    rv = P11SwKeys_setHead(publicKey, CKO_PUBLIC_KEY, type);
+    rv = P11SwKeys_setHead(publicKey, CKO_PUBLIC_KEY, type, mechanism->mechanism);
     if (rv == CKR_OK) rv = P11SwKeys_setNumber(publicKey, CKA_VALUE, y);
-    if (rv == CKR_OK) rv = P11SwKeys_setHead(privateKey, CKO_PRIVATE_KEY, type);
+    if (rv == CKR_OK) rv = P11SwKeys_setHead(privateKey, CKO_PRIVATE_KEY, type, mechanism->mechanism);
     if (rv == CKR_OK) rv = storeGroup(privateKey, x942, p, q, g);
     if (rv == CKR_OK) rv = P11SwKeys_setNumber(privateKey, CKA_VALUE, x);
     return rv;

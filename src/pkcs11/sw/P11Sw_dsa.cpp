@@ -168,7 +168,7 @@ CK_RV P11SwDsa_generateParameters(const P11Mechanism&, P11Obj* object, P11Sessio
     const int rc = dsa_generate_params(unsigned(bits), &params);
     if (rc == CRYPTO_ERR_BAD_PARAMETER) return CKR_KEY_SIZE_RANGE;
     if (rc != CRYPTO_OK) return P11SwKeys_code(rc);
-    rv = P11SwKeys_setHead(object, CKO_DOMAIN_PARAMETERS, CKK_DSA);
+    rv = P11SwKeys_setHead(object, CKO_DOMAIN_PARAMETERS, CKK_DSA, mechanism->mechanism);
     if (rv == CKR_OK) rv = storeParams(object, params);
     return rv;
 }
@@ -184,9 +184,9 @@ CK_RV P11SwDsa_generatePair(const P11Mechanism&, P11Obj* privateKey, P11Obj* pub
     crypto_bytes x, y;
     const int rc = dsa_generate_key(params, &x, &y);
     if (rc != CRYPTO_OK) return P11SwKeys_code(rc);
-    rv = P11SwKeys_setHead(publicKey, CKO_PUBLIC_KEY, CKK_DSA);
+    rv = P11SwKeys_setHead(publicKey, CKO_PUBLIC_KEY, CKK_DSA, mechanism->mechanism);
     if (rv == CKR_OK) rv = P11SwKeys_setNumber(publicKey, CKA_VALUE, y);
-    if (rv == CKR_OK) rv = P11SwKeys_setHead(privateKey, CKO_PRIVATE_KEY, CKK_DSA);
+    if (rv == CKR_OK) rv = P11SwKeys_setHead(privateKey, CKO_PRIVATE_KEY, CKK_DSA, mechanism->mechanism);
     if (rv == CKR_OK) rv = storeParams(privateKey, params);
     if (rv == CKR_OK) rv = P11SwKeys_setNumber(privateKey, CKA_VALUE, x);
     return rv;

@@ -21,11 +21,13 @@ CK_RV P11SwKeys_setNumber(P11Obj* object, CK_ATTRIBUTE_TYPE type, const crypto_b
     return P11Obj_setValue(object, type, value.data(), CK_ULONG(value.size()));
 }
 
-CK_RV P11SwKeys_setHead(P11Obj* object, CK_OBJECT_CLASS objectClass, CK_KEY_TYPE keyType)
+CK_RV P11SwKeys_setHead(P11Obj* object, CK_OBJECT_CLASS objectClass, CK_KEY_TYPE keyType, CK_MECHANISM_TYPE mechanism)
 {
     CK_RV rv = P11Obj_setUlongValue(object, CKA_CLASS, objectClass);
     if (rv == CKR_OK) rv = P11Obj_setUlongValue(object, CKA_KEY_TYPE, keyType);
     if (rv == CKR_OK) rv = P11Obj_setBoolValue(object, CKA_LOCAL, CK_TRUE);
+    if (rv == CKR_OK && objectClass != CKO_DOMAIN_PARAMETERS)
+        rv = P11Obj_setUlongValue(object, CKA_KEY_GEN_MECHANISM, mechanism);
     return rv;
 }
 

@@ -116,10 +116,10 @@ CK_RV P11SwRsa_generatePair(const P11Mechanism&, P11Obj* privateKey, P11Obj* pub
     if (rc == CRYPTO_ERR_BAD_PARAMETER) return CKR_ATTRIBUTE_VALUE_INVALID;  // the exponent
     if (rc != CRYPTO_OK) return P11SwKeys_code(rc);
 
-    rv = P11SwKeys_setHead(publicKey, CKO_PUBLIC_KEY, CKK_RSA);
+    rv = P11SwKeys_setHead(publicKey, CKO_PUBLIC_KEY, CKK_RSA, mechanism->mechanism);
     if (rv == CKR_OK) rv = P11SwKeys_setNumber(publicKey, CKA_MODULUS, c.n);
     if (rv == CKR_OK) rv = P11SwKeys_setNumber(publicKey, CKA_PUBLIC_EXPONENT, c.e);
-    if (rv == CKR_OK) rv = P11SwKeys_setHead(privateKey, CKO_PRIVATE_KEY, CKK_RSA);
+    if (rv == CKR_OK) rv = P11SwKeys_setHead(privateKey, CKO_PRIVATE_KEY, CKK_RSA, mechanism->mechanism);
     const CK_ATTRIBUTE_TYPE types[] = {CKA_MODULUS, CKA_PUBLIC_EXPONENT, CKA_PRIVATE_EXPONENT, CKA_PRIME_1,
                                        CKA_PRIME_2, CKA_EXPONENT_1, CKA_EXPONENT_2, CKA_COEFFICIENT};
     const crypto_bytes* values[] = {&c.n, &c.e, &c.d, &c.p, &c.q, &c.dp, &c.dq, &c.qinv};

@@ -82,7 +82,7 @@ CK_RV P11SwSecret_generate(const P11Mechanism& row, P11Obj* key, P11Session* ses
         if (rv != CKR_OK) return rv;
         if (des) setOddParity(value.data(), value.size());
     } while (des && hasWeakPart(value.data(), value.size()));
-    CK_RV rv = P11SwKeys_setHead(key, CKO_SECRET_KEY, kind->keyType);
+    CK_RV rv = P11SwKeys_setHead(key, CKO_SECRET_KEY, kind->keyType, mechanism->mechanism);
     if (rv == CKR_OK) rv = P11SwKeys_setNumber(key, CKA_VALUE, value);
     return rv;
 }
