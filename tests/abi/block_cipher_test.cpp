@@ -33,12 +33,13 @@ const CipherCase kCases[] = {
     {"AES256_CBC_PAD", CKM_AES_CBC_PAD, CKK_AES, 32, 16, true, true, "AES-256-CBC"},
 };
 
+// Single DES lives in OpenSSL's legacy provider: the suite loads it beside
+// the default one into OpenSSL's own context, and unloads both at its end.
+OSSL_PROVIDER* legacyProvider = nullptr;
+OSSL_PROVIDER* defaultProvider = nullptr;
+
 Bytes reference(const CipherCase& c, const Bytes& key, const Bytes& iv, const Bytes& in, bool encrypt)
 {
-    static OSSL_PROVIDER* legacy = OSSL_PROVIDER_load(nullptr, "legacy");
-    static OSSL_PROVIDER* standard = OSSL_PROVIDER_load(nullptr, "default");
-    (void)legacy;
-    (void)standard;
     EVP_CIPHER* cipher = EVP_CIPHER_fetch(nullptr, c.openssl, nullptr);
     EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
     Bytes out(in.size() + 32);
@@ -55,6 +56,17 @@ Bytes reference(const CipherCase& c, const Bytes& key, const Bytes& iv, const By
 
 class BlockCiphers : public ObjectTest {
 protected:
+    static void SetUpTestSuite()
+    {
+        legacyProvider = OSSL_PROVIDER_load(nullptr, "legacy");
+        defaultProvider = OSSL_PROVIDER_load(nullptr, "default");
+    }
+    static void TearDownTestSuite()
+    {
+        OSSL_PROVIDER_unload(legacyProvider);
+        OSSL_PROVIDER_unload(defaultProvider);
+    }
+
     CK_OBJECT_HANDLE key(const CipherCase& c, Bytes* value)
     {
         value->assign(c.keyLen, 0);
