@@ -2,6 +2,7 @@
 #include "crypto/csprgbg.h"
 #include "crypto/ossl_context.h"
 #include "hex_util.h"
+#include "support/vectors.h"
 
 #include <gtest/gtest.h>
 #include <openssl/core_names.h>
@@ -18,13 +19,7 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-Bytes fromHex(const std::string& hex)
-{
-    Bytes out;
-    if (hex == "-") return out;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) out.push_back(static_cast<unsigned char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-    return out;
-}
+Bytes fromHex(const std::string& hex) { return vectors::hex(hex); }
 
 // One known answer: instantiate, reseed, two 64-byte requests; the second
 // is the answer.
@@ -34,17 +29,10 @@ struct DrbgVector {
 
 std::vector<DrbgVector> loadVectors()
 {
-    std::vector<DrbgVector> vectors;
-    std::ifstream file(std::string(KORVO_TEST_SOURCE_DIR) + "/crypto/data/ctr_drbg_aes256.txt");
-    std::string line;
-    while (std::getline(file, line)) {
-        if (line.empty() || line[0] == '#') continue;
-        std::istringstream fields(line);
-        std::string f[6];
-        for (std::string& field : f) fields >> field;
-        vectors.push_back({fromHex(f[0]), fromHex(f[1]), fromHex(f[2]), fromHex(f[3]), fromHex(f[4]), fromHex(f[5])});
-    }
-    return vectors;
+    std::vector<DrbgVector> out;
+    for (const vectors::Case& f : vectors::load("ctr_drbg_aes256.txt"))
+        out.push_back({fromHex(f[0]), fromHex(f[1]), fromHex(f[2]), fromHex(f[3]), fromHex(f[4]), fromHex(f[5])});
+    return out;
 }
 
 // libcrypto's TEST-RAND in the module's context, handing out fixed entropy

@@ -1,6 +1,7 @@
 #include "crypto/crypto_errors.h"
 #include "crypto/dh.h"
 #include "ossl_ref.h"
+#include "support/vectors.h"
 
 #include <gtest/gtest.h>
 
@@ -13,12 +14,7 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-Bytes unhex(const std::string& s)
-{
-    Bytes out;
-    for (size_t i = 0; i + 1 < s.size(); i += 2) out.push_back(static_cast<unsigned char>(std::stoul(s.substr(i, 2), nullptr, 16)));
-    return out;
-}
+Bytes unhex(const std::string& s) { return vectors::hex(s); }
 
 std::string hexOf(const Bytes& v) { return ref::hex(crypto_bytes(v.begin(), v.end())); }
 
@@ -53,17 +49,12 @@ Bytes derive(int kdf, const crypto_bytes& zz, const Bytes& info, size_t keyLen, 
 
 TEST(X942Kdf, AsnOneFormMatchesRfc2631Examples)
 {
-    std::ifstream file(std::string(KORVO_TEST_SOURCE_DIR) + "/crypto/data/x942_kdf_rfc2631.txt");
-    ASSERT_TRUE(file.is_open());
-    std::string line;
     int count = 0;
-    while (std::getline(file, line)) {
-        if (line.empty() || line[0] == '#') continue;
-        std::istringstream fields(line);
-        std::string zz, info, key;
-        size_t keyLen = 0;
-        fields >> zz >> info >> keyLen >> key;
-        const Bytes z = unhex(zz);
+    for (vectors::Case& f : vectors::load("x942_kdf_rfc2631.txt")) {
+        const Bytes z = unhex(f[0]);
+        std::string& info = f[1];
+        const size_t keyLen = std::stoul(f[2]);
+        const std::string& key = f[3];
         EXPECT_EQ(hexOf(derive(X942_KDF_SHA1_ASN1, crypto_bytes(z.begin(), z.end()), unhex(info), keyLen)), key);
         // The counter is the KDF's to set: a caller's other value is replaced.
         info.replace(info.find("040400000001") + 4, 8, "00000009");
