@@ -1,6 +1,8 @@
 #include "crypto/cipher.h"
 
+#include <openssl/core_names.h>
 #include <openssl/evp.h>
+#include <openssl/params.h>
 
 #include <climits>
 #include <cstring>
@@ -23,6 +25,8 @@ const char* cipherName(int algorithm, int mode, size_t keyLen)
     case CIPHER_DES: return keyLen == 8 ? (cbc ? "DES-CBC" : "DES-ECB") : nullptr;
     case CIPHER_DES2: return keyLen == 16 ? (cbc ? "DES-EDE3-CBC" : "DES-EDE3-ECB") : nullptr;
     case CIPHER_DES3: return keyLen == 24 ? (cbc ? "DES-EDE3-CBC" : "DES-EDE3-ECB") : nullptr;
+    case CIPHER_RC2: return keyLen >= 1 && keyLen <= 128 ? (cbc ? "RC2-CBC" : "RC2-ECB") : nullptr;
+    case CIPHER_RC4: return keyLen >= 1 && keyLen <= 256 && mode == CIPHER_STREAM ? "RC4" : nullptr;
     case CIPHER_AES:
         if (keyLen == 16) return cbc ? "AES-128-CBC" : "AES-128-ECB";
         if (keyLen == 24) return cbc ? "AES-192-CBC" : "AES-192-ECB";
@@ -32,19 +36,50 @@ const char* cipherName(int algorithm, int mode, size_t keyLen)
     }
 }
 
+// Sets the cipher up in two steps, so that the variable key length (RC2,
+// RC4) and RC2's effective bits are known before the key schedule is made.
+bool keyed(EVP_CIPHER_CTX* ctx, const EVP_CIPHER* cipher, const crypto_bytes& key, const unsigned char* iv, bool encrypt,
+           int algorithm, unsigned rc2EffectiveBits)
+{
+    const int direction = encrypt ? 1 : 0;
+    if (EVP_CipherInit_ex2(ctx, cipher, nullptr, nullptr, direction, nullptr) != 1) return false;
+    size_t keyLen = key.size();
+    unsigned bits = rc2EffectiveBits;
+    OSSL_PARAM params[3];
+    size_t n = 0;
+    if (algorithm == CIPHER_RC2 || algorithm == CIPHER_RC4)
+        params[n++] = OSSL_PARAM_construct_size_t(OSSL_CIPHER_PARAM_KEYLEN, &keyLen);
+    if (algorithm == CIPHER_RC2) params[n++] = OSSL_PARAM_construct_uint(OSSL_CIPHER_PARAM_RC2_KEYBITS, &bits);
+    params[n] = OSSL_PARAM_construct_end();
+    return (n == 0 || EVP_CIPHER_CTX_set_params(ctx, params) == 1) &&
+           EVP_CipherInit_ex2(ctx, nullptr, key.data(), iv, direction, nullptr) == 1 &&
+           EVP_CIPHER_CTX_set_padding(ctx, 0) == 1;
+}
+
 }  // namespace
 
 size_t cipher_block_size(int algorithm)
 {
-    return algorithm == CIPHER_AES ? 16 : algorithm >= CIPHER_DES && algorithm <= CIPHER_DES3 ? 8 : 0;
+    switch (algorithm) {
+    case CIPHER_AES: return 16;
+    case CIPHER_DES:
+    case CIPHER_DES2:
+    case CIPHER_DES3:
+    case CIPHER_RC2: return 8;
+    case CIPHER_RC4: return 1;
+    default: return 0;
+    }
 }
 
 int cipher_start(int algorithm, int mode, bool encrypt, const unsigned char* key, size_t keyLen,
-                 const unsigned char* iv, cipher_context** out)
+                 const unsigned char* iv, cipher_context** out, unsigned rc2EffectiveBits)
 {
-    if (out == nullptr || key == nullptr || (mode != CIPHER_ECB && mode != CIPHER_CBC) || (mode == CIPHER_CBC && !iv))
-        return CRYPTO_ERR_BAD_PARAMETER;
+    if (out == nullptr || key == nullptr || (mode == CIPHER_CBC && !iv)) return CRYPTO_ERR_BAD_PARAMETER;
     *out = nullptr;
+    const bool stream = algorithm == CIPHER_RC4;
+    if ((mode == CIPHER_STREAM) != stream || (mode != CIPHER_ECB && mode != CIPHER_CBC && mode != CIPHER_STREAM))
+        return CRYPTO_ERR_BAD_PARAMETER;
+    if (algorithm == CIPHER_RC2 && (rc2EffectiveBits < 1 || rc2EffectiveBits > 1024)) return CRYPTO_ERR_BAD_PARAMETER;
     const char* name = cipherName(algorithm, mode, keyLen);
     if (name == nullptr) return CRYPTO_ERR_BAD_PARAMETER;
     OsslErrorGuard guard;
@@ -58,8 +93,7 @@ int cipher_start(int algorithm, int mode, bool encrypt, const unsigned char* key
     int rc = CRYPTO_OK;
     if (context == nullptr || context->ctx == nullptr)
         rc = CRYPTO_ERR_NO_MEMORY;
-    else if (EVP_CipherInit_ex2(context->ctx, cipher, material.data(), iv, encrypt ? 1 : 0, nullptr) != 1 ||
-             EVP_CIPHER_CTX_set_padding(context->ctx, 0) != 1)
+    else if (!keyed(context->ctx, cipher, material, iv, encrypt, algorithm, rc2EffectiveBits))
         rc = CRYPTO_ERR_FAILED;
     EVP_CIPHER_free(cipher);
     if (rc != CRYPTO_OK) {

@@ -54,6 +54,12 @@ const P11Mechanism kRegistry[] = {
     {CKM_AES_ECB, kVariableSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
     {CKM_AES_CBC, kVariableSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
     {CKM_AES_CBC_PAD, kVariableSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
+    {CKM_RC2_ECB, kVariableSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
+    {CKM_RC2_CBC, kVariableSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
+    {CKM_RC2_CBC_PAD, kVariableSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
+    {CKM_RC4, kVariableSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
+    {CKM_AES_GCM, kVariableSecret, kCipherUses, P11SwAead_init, nullptr, nullptr, nullptr},
+    {CKM_AES_CCM, kVariableSecret, kCipherUses, P11SwAead_init, nullptr, nullptr, nullptr},
     // DSA
     {CKM_DSA_PARAMETER_GEN, 0, P11_USE_GENERATE, nullptr, P11SwDsa_generateParameters, nullptr, nullptr},
     {CKM_DSA_KEY_PAIR_GEN, 0, P11_USE_GENERATE_PAIR, nullptr, nullptr, P11SwDsa_generatePair, nullptr},

@@ -14,7 +14,7 @@ namespace {
 
 struct BlockMechanism {
     CK_MECHANISM_TYPE type;
-    int family;  // CIPHER_DES (any DES key type) or CIPHER_AES
+    int family;  // CIPHER_DES, CIPHER_DES3 (two- or three-key), CIPHER_AES, CIPHER_RC2 or CIPHER_RC4
     int mode;
     bool pad;
 };
@@ -24,7 +24,9 @@ const BlockMechanism kMechanisms[] = {
     {CKM_DES_CBC_PAD, CIPHER_DES, CIPHER_CBC, true}, {CKM_DES3_ECB, CIPHER_DES3, CIPHER_ECB, false},
     {CKM_DES3_CBC, CIPHER_DES3, CIPHER_CBC, false}, {CKM_DES3_CBC_PAD, CIPHER_DES3, CIPHER_CBC, true},
     {CKM_AES_ECB, CIPHER_AES, CIPHER_ECB, false},   {CKM_AES_CBC, CIPHER_AES, CIPHER_CBC, false},
-    {CKM_AES_CBC_PAD, CIPHER_AES, CIPHER_CBC, true},
+    {CKM_AES_CBC_PAD, CIPHER_AES, CIPHER_CBC, true},  {CKM_RC2_ECB, CIPHER_RC2, CIPHER_ECB, false},
+    {CKM_RC2_CBC, CIPHER_RC2, CIPHER_CBC, false},   {CKM_RC2_CBC_PAD, CIPHER_RC2, CIPHER_CBC, true},
+    {CKM_RC4, CIPHER_RC4, CIPHER_STREAM, false},
 };
 
 // The cipher algorithm for the key type, when the mechanism takes it.
@@ -32,6 +34,8 @@ int algorithmFor(const BlockMechanism& m, CK_KEY_TYPE keyType)
 {
     if (m.family == CIPHER_DES) return keyType == CKK_DES ? CIPHER_DES : 0;
     if (m.family == CIPHER_DES3) return keyType == CKK_DES2 ? CIPHER_DES2 : keyType == CKK_DES3 ? CIPHER_DES3 : 0;
+    if (m.family == CIPHER_RC2) return keyType == CKK_RC2 ? CIPHER_RC2 : 0;
+    if (m.family == CIPHER_RC4) return keyType == CKK_RC4 ? CIPHER_RC4 : 0;
     return keyType == CKK_AES ? CIPHER_AES : 0;
 }
 
@@ -179,6 +183,36 @@ struct P11OperationData_cipher : P11OperationData {
     }
 };
 
+// The IV of a CBC mode, and RC2's effective key bits: RC2 in ECB takes
+// them alone, in CBC with the IV.
+CK_RV parameters(const BlockMechanism& m, size_t block, CK_MECHANISM_PTR mechanism, const CK_BYTE** iv,
+                 unsigned* effectiveBits)
+{
+    const void* p = mechanism->pParameter;
+    const CK_ULONG length = mechanism->ulParameterLen;
+    if (m.family == CIPHER_RC2) {
+        CK_ULONG bits = 0;
+        if (m.mode == CIPHER_CBC) {
+            if (!p || length != sizeof(CK_RC2_CBC_PARAMS)) return CKR_MECHANISM_PARAM_INVALID;
+            const auto* params = static_cast<const CK_RC2_CBC_PARAMS*>(p);
+            bits = params->ulEffectiveBits;
+            *iv = params->iv;
+        } else {
+            if (!p || length != sizeof(CK_RC2_PARAMS)) return CKR_MECHANISM_PARAM_INVALID;
+            bits = *static_cast<const CK_RC2_PARAMS*>(p);
+        }
+        if (bits < 1 || bits > 1024) return CKR_MECHANISM_PARAM_INVALID;
+        *effectiveBits = unsigned(bits);
+        return CKR_OK;
+    }
+    if (m.mode == CIPHER_CBC) {
+        if (!p || length != block) return CKR_MECHANISM_PARAM_INVALID;
+        *iv = static_cast<const CK_BYTE*>(p);
+        return CKR_OK;
+    }
+    return length == 0 ? CKR_OK : CKR_MECHANISM_PARAM_INVALID;
+}
+
 }  // namespace
 
 CK_RV P11SwCipher_init(const P11Mechanism& row, P11Obj* key, P11Session*, CK_MECHANISM_PTR mechanism, uint32_t operation,
@@ -199,12 +233,9 @@ CK_RV P11SwCipher_init(const P11Mechanism& row, P11Obj* key, P11Session*, CK_MEC
     }
     const size_t block = cipher_block_size(algorithm);
     const CK_BYTE* iv = nullptr;
-    if (m->mode == CIPHER_CBC) {
-        if (!mechanism->pParameter || mechanism->ulParameterLen != block) return CKR_MECHANISM_PARAM_INVALID;
-        iv = static_cast<const CK_BYTE*>(mechanism->pParameter);
-    } else if (mechanism->ulParameterLen != 0) {
-        return CKR_MECHANISM_PARAM_INVALID;
-    }
+    unsigned effectiveBits = 0;
+    rv = parameters(*m, block, mechanism, &iv, &effectiveBits);
+    if (rv != CKR_OK) return rv;
     crypto_bytes value;
     rv = P11SwKeys_readNumber(key, CKA_VALUE, &value);
     if (rv != CKR_OK) return rv;
@@ -213,7 +244,8 @@ CK_RV P11SwCipher_init(const P11Mechanism& row, P11Obj* key, P11Session*, CK_MEC
     record->encrypt = operation == P11_USE_ENCRYPT || operation == P11_USE_WRAP;
     record->pad = m->pad;
     record->block = block;
-    const int rc = cipher_start(algorithm, m->mode, record->encrypt, value.data(), value.size(), iv, &record->ctx);
+    const int rc =
+        cipher_start(algorithm, m->mode, record->encrypt, value.data(), value.size(), iv, &record->ctx, effectiveBits);
     if (rc != CRYPTO_OK) {
         record->destroy();
         return rc == CRYPTO_ERR_BAD_PARAMETER ? CKR_KEY_SIZE_RANGE : P11SwKeys_code(rc);

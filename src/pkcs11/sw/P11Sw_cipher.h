@@ -7,3 +7,8 @@
 
 CK_RV P11SwCipher_init(const P11Mechanism& row, P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism,
                        uint32_t operation, P11OperationData** record);
+
+// AES in GCM and CCM (CK_GCM_PARAMS in its current and its earlier
+// five-field layout, CK_CCM_PARAMS), for the same uses.
+CK_RV P11SwAead_init(const P11Mechanism& row, P11Obj* key, P11Session* session, CK_MECHANISM_PTR mechanism,
+                     uint32_t operation, P11OperationData** record);
