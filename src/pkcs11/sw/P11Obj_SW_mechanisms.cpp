@@ -11,6 +11,7 @@
 #include "pkcs11/objects/P11AttrPolicy.h"
 #include "pkcs11/objects/P11Obj_noThrow.h"
 #include "pkcs11/sw/P11Mechanism.h"
+#include "pkcs11/sw/P11Sw_pkcs8.h"
 
 namespace {
 
@@ -142,13 +143,14 @@ CK_RV derive(P11Obj* baseKey, P11Session* session, CK_MECHANISM_PTR mechanism, P
     return row->derive(*row, baseKey, session, mechanism, newKey);
 }
 
-// The bytes a wrapping mechanism enciphers: a secret key's value. The key
-// must be extractable, and one that may only be wrapped with a trusted key
-// needs a wrapping key marked trusted.
+// The bytes a wrapping mechanism enciphers: a secret key's value, or a
+// private key's PKCS #8 encoding. The key must be extractable, and one that
+// may only be wrapped with a trusted key needs a wrapping key marked trusted.
 CK_RV wrappedValue(P11Obj* wrappingKey, P11Obj* key, crypto_bytes* value)
 {
     CK_OBJECT_CLASS objectClass = 0;
-    if (P11Obj_getUlongValue(key, CKA_CLASS, &objectClass) != CKR_OK || objectClass != CKO_SECRET_KEY)
+    if (P11Obj_getUlongValue(key, CKA_CLASS, &objectClass) != CKR_OK ||
+        (objectClass != CKO_SECRET_KEY && objectClass != CKO_PRIVATE_KEY))
         return CKR_KEY_NOT_WRAPPABLE;
     CK_BBOOL flag = CK_FALSE;
     if (P11Obj_getBoolValue(key, CKA_EXTRACTABLE, &flag) != CKR_OK || !flag) return CKR_KEY_UNEXTRACTABLE;
@@ -156,6 +158,7 @@ CK_RV wrappedValue(P11Obj* wrappingKey, P11Obj* key, crypto_bytes* value)
         CK_BBOOL trusted = CK_FALSE;
         if (P11Obj_getBoolValue(wrappingKey, CKA_TRUSTED, &trusted) != CKR_OK || !trusted) return CKR_KEY_NOT_WRAPPABLE;
     }
+    if (objectClass == CKO_PRIVATE_KEY) return P11SwPkcs8_encode(key, value);
     CK_ULONG length = 0;
     CK_RV rv = P11Obj_getValue(key, CKA_VALUE, nullptr, &length);
     if (rv != CKR_OK) return CKR_KEY_NOT_WRAPPABLE;
@@ -197,6 +200,10 @@ CK_RV unwrap(P11Obj* unwrappingKey, P11Session* session, CK_MECHANISM_PTR mechan
     CK_OBJECT_CLASS objectClass = 0;
     rv = P11Obj_getUlongValue(newKey, CKA_CLASS, &objectClass);
     if (rv != CKR_OK) return rv;
+    if (objectClass == CKO_PRIVATE_KEY) {
+        value.resize(length);
+        return P11SwPkcs8_decodeInto(newKey, value);
+    }
     if (objectClass != CKO_SECRET_KEY) return CKR_TEMPLATE_INCONSISTENT;
     // A key type of fixed length, or a length the template names, takes
     // that many bytes: raw RSA hands back the whole block, whose last bytes
