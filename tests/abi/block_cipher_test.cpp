@@ -56,14 +56,17 @@ struct CaseMechanism {
     }
 };
 
-// Single DES lives in OpenSSL's legacy provider: the suite loads it beside
-// the default one into OpenSSL's own context, and unloads both at its end.
+// Single DES, RC2 and RC4 live in OpenSSL's legacy provider: the suite
+// loads it beside the default one into a library context of its own (so
+// OpenSSL's default context stays as other suites expect it), and frees
+// that at its end.
+OSSL_LIB_CTX* referenceContext = nullptr;
 OSSL_PROVIDER* legacyProvider = nullptr;
 OSSL_PROVIDER* defaultProvider = nullptr;
 
 Bytes reference(const CipherCase& c, const Bytes& key, const Bytes& iv, const Bytes& in, bool encrypt)
 {
-    EVP_CIPHER* cipher = EVP_CIPHER_fetch(nullptr, c.openssl, nullptr);
+    EVP_CIPHER* cipher = EVP_CIPHER_fetch(referenceContext, c.openssl, nullptr);
     EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
     Bytes out(in.size() + 32);
     int n = 0, m = 0;
@@ -81,13 +84,15 @@ class BlockCiphers : public ObjectTest {
 protected:
     static void SetUpTestSuite()
     {
-        legacyProvider = OSSL_PROVIDER_load(nullptr, "legacy");
-        defaultProvider = OSSL_PROVIDER_load(nullptr, "default");
+        referenceContext = OSSL_LIB_CTX_new();
+        legacyProvider = OSSL_PROVIDER_load(referenceContext, "legacy");
+        defaultProvider = OSSL_PROVIDER_load(referenceContext, "default");
     }
     static void TearDownTestSuite()
     {
         OSSL_PROVIDER_unload(legacyProvider);
         OSSL_PROVIDER_unload(defaultProvider);
+        OSSL_LIB_CTX_free(referenceContext);
     }
 
     CK_OBJECT_HANDLE key(const CipherCase& c, Bytes* value)

@@ -1,5 +1,7 @@
 #include "pkcs11/sw/P11Sw_cipher.h"
 
+#include <openssl/crypto.h>
+
 #include <cstring>
 #include <new>
 
@@ -82,10 +84,22 @@ struct P11OperationData_cipher : P11OperationData {
             *outLen = CK_ULONG(produce);
             return CKR_BUFFER_TOO_SMALL;
         }
-        crypto_bytes work(pending);
-        work.insert(work.end(), in, in + inLen);
-        if (cipher_blocks(ctx, work.data(), produce, out) != CRYPTO_OK) return CKR_FUNCTION_FAILED;
-        pending.assign(work.begin() + produce, work.end());
+        // Whole blocks go from the caller's input straight to its output;
+        // only a block begun by earlier parts passes through `pending`.
+        size_t written = 0;
+        if (produce && !pending.empty()) {
+            const size_t take = block - pending.size();
+            pending.insert(pending.end(), in, in + take);
+            if (cipher_blocks(ctx, pending.data(), block, out) != CRYPTO_OK) return CKR_FUNCTION_FAILED;
+            pending.clear();
+            written = block;
+            in += take;
+            inLen -= CK_ULONG(take);
+        }
+        if (cipher_blocks(ctx, in, produce - written, out + written) != CRYPTO_OK) return CKR_FUNCTION_FAILED;
+        in += produce - written;
+        inLen -= CK_ULONG(produce - written);
+        if (inLen) pending.insert(pending.end(), in, in + inLen);
         *outLen = CK_ULONG(produce);
         return CKR_OK;
     }
@@ -156,7 +170,24 @@ struct P11OperationData_cipher : P11OperationData {
             *outLen = CK_ULONG(bound);
             return CKR_BUFFER_TOO_SMALL;
         }
-        // Worked in a buffer of our own on a copy of the cipher state, which
+        // With room for the largest result, the work is done in place; a
+        // failure (bad padding) wipes what was written, and ends the operation.
+        if (*outLen >= bound) {
+            CK_ULONG produced = *outLen, tail = 0;
+            CK_RV rv = update(key, session, in, inLen, out, &produced);
+            if (rv == CKR_OK) {
+                tail = *outLen - produced;
+                rv = final(key, session, out + produced, &tail);
+            }
+            if (rv != CKR_OK) {
+                if (bound) OPENSSL_cleanse(out, bound);
+                return rv;
+            }
+            *outLen = produced + tail;
+            return CKR_OK;
+        }
+        // A padded decryption into a buffer that may be too small is worked
+        // in a buffer of our own on a copy of the cipher state, which
         // replaces the state only when the result fits: after a short
         // buffer the caller's retry starts from where this one did.
         cipher_context* saved = nullptr;
