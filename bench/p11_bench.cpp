@@ -13,7 +13,11 @@
 //   - RSA-2048: CKM_SHA256_RSA_PKCS C_SignInit + C_Sign and C_VerifyInit + C_Verify of 64 bytes
 //     with one key (made by OpenSSL, imported as session objects), against OpenSSL's
 //     EVP_DigestSign and EVP_DigestVerify with the same key; and CKM_RSA_PKCS_KEY_PAIR_GEN of a
-//     2048-bit pair against EVP_PKEY_keygen, as a median over 15 single runs.
+//     2048-bit pair against EVP_PKEY_keygen, as a median over 15 single runs;
+//   - ciphers, with one key imported as a session object: AES-128-CBC and
+//     three-key 3DES-CBC C_EncryptInit + C_Encrypt of 1 MiB (throughput), and
+//     AES-128-CBC C_EncryptInit + C_Encrypt of 64 bytes (call rate), against
+//     EVP_EncryptInit_ex2 + EVP_EncryptUpdate on the same buffers.
 //
 // At the end it prints both modules' figures in one table and the ratios the
 // module is held to: its 1 MiB throughput against OpenSSL's (>= 0.95), its
@@ -22,7 +26,9 @@
 // against SoftHSM2's (>= 1.0); and how the search cost grows from 1,000 to
 // 10,000 objects (linear growth gives about 10); and its RSA-2048 signatures
 // and verifications per second against OpenSSL's (>= 0.9) and SoftHSM2's
-// (> 1). The two-thread family runs
+// (> 1); its AES-128-CBC and 3DES-CBC 1 MiB throughput against OpenSSL's
+// (>= 0.9) and its 64-byte AES-128-CBC call rate against SoftHSM2's (>= 2).
+// The two-thread family runs
 // only with CKF_OS_LOCKING_OK (without locking, one thread at a time).
 //
 //     cmake -S . -B build -DKORVO_BENCH=ON && cmake --build build --target p11_bench
@@ -49,6 +55,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -82,6 +89,8 @@ constexpr CK_ULONG kSha256Length = 32;
 constexpr double kTargetRsaVsOpenSsl = 0.9;
 constexpr double kTargetRsaVsSoftHsm = 1.0;
 constexpr int kKeyGenRuns = 15;
+constexpr double kTargetCipherVsOpenSsl = 0.9;
+constexpr double kTargetCipherSmallVsSoftHsm = 2.0;
 
 const char* const kKorvo = "Korvo";
 const char* const kSoftHsm = "SoftHSM2";
@@ -98,6 +107,9 @@ const char* const kFindLargeFamily = "C_FindObjects_1_of_10000";
 const char* const kRsaSignFamily = "RSA2048_SHA256_RSA_PKCS_Sign";
 const char* const kRsaVerifyFamily = "RSA2048_SHA256_RSA_PKCS_Verify";
 const char* const kRsaKeyGenFamily = "RSA2048_GenerateKeyPair";
+const char* const kAesLargeFamily = "AES128_CBC_C_Encrypt_1MiB";
+const char* const kAesSmallFamily = "AES128_CBC_C_EncryptInit_C_Encrypt_64B";
+const char* const kDes3LargeFamily = "DES3_CBC_C_Encrypt_1MiB";
 constexpr size_t kFindSmallCount = 1000;
 constexpr size_t kFindLargeCount = 10000;
 
@@ -136,6 +148,10 @@ struct Target {
     CK_OBJECT_HANDLE rsaPublic = CK_INVALID_HANDLE;
     CK_OBJECT_HANDLE rsaPrivate = CK_INVALID_HANDLE;
     std::string rsaError;
+    // The AES-128 and three-key DES keys of the cipher families.
+    CK_OBJECT_HANDLE aesKey = CK_INVALID_HANDLE;
+    CK_OBJECT_HANDLE des3Key = CK_INVALID_HANDLE;
+    std::string cipherError;
 };
 
 std::vector<unsigned char> makeBuffer(size_t size)
@@ -625,6 +641,114 @@ void BM_EVP_PKEY_keygen(benchmark::State& state)
     state.SetItemsProcessed(int64_t(state.iterations()));
 }
 
+// ---- ciphers ----
+
+// One cipher family: the mechanism, the key it runs with, OpenSSL's name
+// for the same cipher.
+struct CipherFamily {
+    CK_MECHANISM_TYPE mechanism;
+    CK_KEY_TYPE keyType;
+    size_t keyLength, ivLength;
+    const char* openssl;
+};
+
+const CipherFamily kAesCbc = {CKM_AES_CBC, CKK_AES, 16, 16, "AES-128-CBC"};
+const CipherFamily kDes3Cbc = {CKM_DES3_CBC, CKK_DES3, 24, 8, "DES-EDE3-CBC"};
+
+std::vector<unsigned char> cipherKey(const CipherFamily& family)
+{
+    std::vector<unsigned char> key(family.keyLength);
+    for (size_t i = 0; i < key.size(); ++i) key[i] = static_cast<unsigned char>(0x5B + 29 * i);
+    return key;
+}
+
+const unsigned char kIv[16] = {0x0F, 0x1E, 0x2D, 0x3C, 0x4B, 0x5A, 0x69, 0x78, 0x87, 0x96, 0xA5, 0xB4, 0xC3, 0xD2, 0xE1, 0xF0};
+
+CK_OBJECT_HANDLE Target::* keyOf(const CipherFamily& family)
+{
+    return family.keyType == CKK_AES ? &Target::aesKey : &Target::des3Key;
+}
+
+CK_RV encryptOnce(const Target& target, const CipherFamily& family, const std::vector<unsigned char>& data,
+                  CK_BYTE* out, CK_ULONG* outLength)
+{
+    CK_FUNCTION_LIST_PTR f = target.module->functions();
+    CK_MECHANISM mechanism = {family.mechanism, const_cast<unsigned char*>(kIv), CK_ULONG(family.ivLength)};
+    CK_RV rv = f->C_EncryptInit(target.session, &mechanism, target.*keyOf(family));
+    if (rv == CKR_OK) rv = f->C_Encrypt(target.session, const_cast<CK_BYTE_PTR>(data.data()), CK_ULONG(data.size()), out, outLength);
+    return rv;
+}
+
+bool evpEncrypt(const CipherFamily& family, const std::vector<unsigned char>& data, unsigned char* out)
+{
+    static const std::vector<unsigned char> aesKey = cipherKey(kAesCbc), des3Key = cipherKey(kDes3Cbc);
+    EVP_CIPHER* cipher = EVP_CIPHER_fetch(nullptr, family.openssl, nullptr);
+    EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+    int n = 0;
+    const bool ok = EVP_EncryptInit_ex2(ctx, cipher, (family.keyType == CKK_AES ? aesKey : des3Key).data(), kIv, nullptr) == 1 &&
+                    EVP_CIPHER_CTX_set_padding(ctx, 0) == 1 &&
+                    EVP_EncryptUpdate(ctx, out, &n, data.data(), int(data.size())) == 1;
+    EVP_CIPHER_CTX_free(ctx);
+    EVP_CIPHER_free(cipher);
+    return ok;
+}
+
+// Imports both keys as session objects and checks, before anything is
+// timed, that the module's ciphertext is OpenSSL's.
+void importCipherKeys(Target& target)
+{
+    CK_FUNCTION_LIST_PTR f = target.module->functions();
+    for (const CipherFamily* family : {&kAesCbc, &kDes3Cbc}) {
+        CK_OBJECT_CLASS secretClass = CKO_SECRET_KEY;
+        CK_KEY_TYPE keyType = family->keyType;
+        CK_BBOOL no = CK_FALSE, yes = CK_TRUE;
+        std::vector<unsigned char> value = cipherKey(*family);
+        CK_ATTRIBUTE keyTemplate[] = {{CKA_CLASS, &secretClass, sizeof secretClass}, {CKA_KEY_TYPE, &keyType, sizeof keyType},
+                                      {CKA_TOKEN, &no, 1}, {CKA_PRIVATE, &no, 1}, {CKA_ENCRYPT, &yes, 1},
+                                      {CKA_VALUE, value.data(), CK_ULONG(value.size())}};
+        CK_RV rv = f->C_CreateObject(target.session, keyTemplate, 6, &(target.*keyOf(*family)));
+        std::vector<unsigned char> ours(kSmallSize), theirs(kSmallSize);
+        CK_ULONG length = CK_ULONG(ours.size());
+        if (rv == CKR_OK) rv = encryptOnce(target, *family, smallBuffer(), ours.data(), &length);
+        if (rv != CKR_OK || !evpEncrypt(*family, smallBuffer(), theirs.data()) || ours != theirs) {
+            target.cipherError = std::string(family->openssl) +
+                                 (rv != CKR_OK ? " returned " + rvName(rv) : std::string(" differs from OpenSSL"));
+            target.aesKey = target.des3Key = CK_INVALID_HANDLE;
+            return;
+        }
+    }
+}
+
+void BM_C_Encrypt(benchmark::State& state, Target* target, const CipherFamily* family, const std::vector<unsigned char>* data)
+{
+    std::vector<unsigned char> out(data->size());
+    for (auto _ : state) {
+        CK_ULONG length = CK_ULONG(out.size());
+        const CK_RV rv = encryptOnce(*target, *family, *data, out.data(), &length);
+        if (rv != CKR_OK) {
+            state.SkipWithError(("C_EncryptInit/C_Encrypt returned " + rvName(rv)).c_str());
+            break;
+        }
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data->size()));
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
+void BM_EVP_Encrypt(benchmark::State& state, const CipherFamily* family, const std::vector<unsigned char>* data)
+{
+    std::vector<unsigned char> out(data->size());
+    for (auto _ : state) {
+        if (!evpEncrypt(*family, *data, out.data())) {
+            state.SkipWithError("EVP_EncryptUpdate failed");
+            break;
+        }
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data->size()));
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
 // Prints as the console reporter does and keeps every run's wall-clock rate
 // (the items_per_second counter: one item is one timed iteration) under
 // "family/subject"; with --benchmark_report_aggregates_only it keeps the
@@ -815,6 +939,17 @@ int main(int argc, char** argv)
         ->Repetitions(kKeyGenRuns)
         ->UseRealTime();
 
+    for (const auto& [name, target] : modules)
+        if (target->ready) importCipherKeys(*target);
+    const std::tuple<const char*, const CipherFamily*, const std::vector<unsigned char>*> cipherFamilies[] = {
+        {kAesLargeFamily, &kAesCbc, large}, {kAesSmallFamily, &kAesCbc, small}, {kDes3LargeFamily, &kDes3Cbc, large}};
+    for (const auto& [family, cipher, data] : cipherFamilies) {
+        for (const auto& [name, target] : modules)
+            if (target->ready && target->aesKey != CK_INVALID_HANDLE)
+                benchmark::RegisterBenchmark(key(family, name).c_str(), BM_C_Encrypt, target, cipher, data)->UseRealTime();
+        benchmark::RegisterBenchmark(key(family, kOpenSsl).c_str(), BM_EVP_Encrypt, cipher, data)->UseRealTime();
+    }
+
     // Colours only on a terminal, as Google Benchmark's own reporter does.
     CollectingReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_Defaults
                                                       : benchmark::ConsoleReporter::OO_Tabular);
@@ -845,6 +980,9 @@ int main(int argc, char** argv)
         {"RSA-2048 SHA256 sign         [sig/s]", kRsaSignFamily, 1.0, false, "%.0f", true},
         {"RSA-2048 SHA256 verify       [verify/s]", kRsaVerifyFamily, 1.0, false, "%.0f", true},
         {"RSA-2048 key pair, median    [ms]", kRsaKeyGenFamily, 1e3, true, "%.0f", true},
+        {"AES-128-CBC C_Encrypt 1 MiB  [MiB/s]", kAesLargeFamily, double(kLargeSize) / mib, false, "%.1f", true},
+        {"AES-128-CBC init+encrypt 64 B [calls/s]", kAesSmallFamily, 1.0, false, "%.0f", true},
+        {"3DES-CBC C_Encrypt 1 MiB     [MiB/s]", kDes3LargeFamily, double(kLargeSize) / mib, false, "%.1f", true},
     };
     size_t reps = 1;
     for (const Row& row : rows)
@@ -890,6 +1028,15 @@ int main(int argc, char** argv)
         rsaMet = printRatio((std::string("Korvo RSA-2048 ") + what + "/s / SoftHSM2").c_str(), ours,
                             reporter.rate(key(family, kSoftHsm)), kTargetRsaVsSoftHsm, &rsaKnown) && rsaMet;
     }
+    bool cipherKnown = false;
+    bool cipherMet = printRatio("Korvo AES-128-CBC 1 MiB / OpenSSL EVP", reporter.rate(key(kAesLargeFamily, kKorvo)),
+                                reporter.rate(key(kAesLargeFamily, kOpenSsl)), kTargetCipherVsOpenSsl, &cipherKnown);
+    cipherMet = printRatio("Korvo 3DES-CBC 1 MiB / OpenSSL EVP", reporter.rate(key(kDes3LargeFamily, kKorvo)),
+                           reporter.rate(key(kDes3LargeFamily, kOpenSsl)), kTargetCipherVsOpenSsl, &cipherKnown) &&
+                cipherMet;
+    cipherMet = printRatio("Korvo AES-128-CBC 64 B init+encrypt rate / SoftHSM2", reporter.rate(key(kAesSmallFamily, kKorvo)),
+                           reporter.rate(key(kAesSmallFamily, kSoftHsm)), kTargetCipherSmallVsSoftHsm, &cipherKnown) &&
+                cipherMet;
     // The peers' two-thread scaling, for comparison.
     for (const char* subject : {kSoftHsm, kOpenSsl}) {
         const double one = reporter.rate(key(kSmallFamily, subject)), two = reporter.rate(key(kTwoThreadFamily, subject));
@@ -914,8 +1061,10 @@ int main(int argc, char** argv)
     if (!softHsm.ready) std::printf("(SoftHSM2 not measured: %s)\n", softHsm.module->error().c_str());
     for (const auto& [name, target] : modules)
         if (!target->rsaError.empty()) std::printf("(%s RSA not measured: %s)\n", name, target->rsaError.c_str());
+    for (const auto& [name, target] : modules)
+        if (!target->cipherError.empty()) std::printf("(%s ciphers not measured: %s)\n", name, target->cipherError.c_str());
 
     if (!korvo.ready || !softHsm.ready) return 1;
-    if (enforce && (!largeMet || !smallMet || !threadsMet || !randomMet || !rsaMet)) return 2;
+    if (enforce && (!largeMet || !smallMet || !threadsMet || !randomMet || !rsaMet || !cipherMet)) return 2;
     return 0;
 }
