@@ -320,7 +320,8 @@ CK_RV twice(Call call, Bytes* out)
     CK_ULONG n = 0;
     CK_RV rv = call(nullptr, &n);
     if (rv != CKR_OK) return rv;
-    out->assign(n, 0);
+    // Never an empty buffer: a null one would be another size query.
+    out->assign(n + 1, 0);
     rv = call(out->data(), &n);
     out->resize(rv == CKR_OK ? n : 0);
     return rv;

@@ -85,10 +85,12 @@ struct P11OperationData_aead : P11OperationData {
         return CKR_OK;
     }
 
-    CK_RV update(P11Obj*, P11Session*, CK_BYTE_PTR in, CK_ULONG inLen, CK_BYTE_PTR, CK_ULONG_PTR outLen) override
+    // Parts are gathered; a null output asks for the size (none) and
+    // leaves the part for the call that follows.
+    CK_RV update(P11Obj*, P11Session*, CK_BYTE_PTR in, CK_ULONG inLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen) override
     {
         if (!outLen || (!in && inLen)) return CKR_ARGUMENTS_BAD;
-        if (inLen) input.insert(input.end(), in, in + inLen);
+        if (out && inLen) input.insert(input.end(), in, in + inLen);
         *outLen = 0;
         return CKR_OK;
     }
