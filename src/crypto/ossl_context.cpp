@@ -6,7 +6,10 @@
 #include <openssl/evp.h>
 #include <openssl/provider.h>
 
+#include <atomic>
 #include <cstring>
+#include <mutex>
+#include <new>
 
 namespace {
 
@@ -17,8 +20,6 @@ const char* const kDigestNames[] = {
 };
 constexpr size_t kDigestCount = sizeof(kDigestNames) / sizeof(kDigestNames[0]);
 
-// Plain pointers only, so the static instance below has a trivial destructor
-// and nothing of it runs at process exit.
 struct CryptoContext {
     OSSL_LIB_CTX* libctx;
     const EVP_MD* digests[kDigestCount];
@@ -54,18 +55,31 @@ CryptoContext buildContext()
     return c;
 }
 
+// The context of the module, built by the first caller that needs it and
+// released by crypto_release_context() (at C_Finalize). Readers take the
+// pointer without a lock; building and releasing happen under the mutex.
+std::atomic<CryptoContext*> current{nullptr};
+std::mutex building;
+
+// A context that failed to build: every member null.
+const CryptoContext kNone{};
+
 const CryptoContext& context()
 {
-    // Built by the first caller; the language guarantees that concurrent
-    // first callers wait for that one initialisation to finish.
-    //
-    // The library context and the objects fetched from it are deliberately
-    // never freed. Freeing them from a destructor or atexit handler of ours
-    // could run after libcrypto's own exit-time clean-up has already torn
-    // down its internals, which crashes; the operating system reclaims the
-    // memory when the process ends.
-    static const CryptoContext ctx = buildContext();
-    return ctx;
+    CryptoContext* c = current.load(std::memory_order_acquire);
+    if (c) return *c;
+    std::lock_guard<std::mutex> lock(building);
+    c = current.load(std::memory_order_relaxed);
+    if (!c) {
+        c = new (std::nothrow) CryptoContext(buildContext());
+        if (!c) return kNone;
+        if (!c->libctx) {
+            delete c;
+            return kNone;
+        }
+        current.store(c, std::memory_order_release);
+    }
+    return *c;
 }
 
 } // namespace
@@ -90,6 +104,19 @@ const EVP_MD* crypto_md(const char* name)
 EVP_RAND* crypto_ctr_drbg()
 {
     return context().ctrDrbg;
+}
+
+void crypto_release_context()
+{
+    std::lock_guard<std::mutex> lock(building);
+    CryptoContext* c = current.exchange(nullptr, std::memory_order_acq_rel);
+    if (!c) return;
+    for (const EVP_MD* md : c->digests) EVP_MD_free(const_cast<EVP_MD*>(md));
+    EVP_RAND_free(c->ctrDrbg);
+    // Freeing the context unloads its providers and frees what was fetched
+    // from it and not freed by its users.
+    OSSL_LIB_CTX_free(c->libctx);
+    delete c;
 }
 
 OsslErrorGuard::OsslErrorGuard()

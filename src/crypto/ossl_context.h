@@ -13,8 +13,16 @@
 // it could not be set up.
 OSSL_LIB_CTX* crypto_libctx();
 
+// Frees the library context and everything fetched from it, so that
+// unloading the module leaves nothing behind; the next use builds a new
+// one. Only when nothing of the crypto core is in use any more: every key,
+// running hash and cipher of the context must be freed before (C_Finalize
+// calls it after the token is gone). Never from an exit handler, which may
+// run after libcrypto has torn itself down.
+void crypto_release_context();
+
 // A message digest implementation fetched once from the module's context and
-// kept for the life of the process. `name` is one of "MD5", "SHA1",
+// kept until the context is released. `name` is one of "MD5", "SHA1",
 // "RIPEMD160", "SHA224", "SHA256", "SHA384", "SHA512"; anything else, or a
 // digest the providers lack, gives null. The caller must not free the result.
 const EVP_MD* crypto_md(const char* name);

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "crypto/ossl_context.h"
 #include "pkcs11/GetToken.h"
 #include "pkcs11/P11Mutex.h"
 #include "pkcs11/P11Token.h"
@@ -152,6 +153,9 @@ KORVO_EXPORT CK_RV C_Finalize(CK_VOID_PTR pReserved)
         pToken = nullptr;
         return P11_traceExit("C_Finalize", rv);
     }
+    // With the token gone nothing of the crypto core is in use: its library
+    // context goes too, so unloading the module leaves nothing behind.
+    crypto_release_context();
     P11_traceExit("C_Finalize", CKR_OK);
     TSQ_Trace_Exit();
     return CKR_OK;
