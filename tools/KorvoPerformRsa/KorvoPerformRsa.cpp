@@ -29,7 +29,11 @@
 // The test build (KORVO_HELPER_TEST_BUILD) also reads:
 //   KORVO_HELPER_RUN_LOG    a file to which each run appends one line;
 //   KORVO_HELPER_TEST_MODE  "refuse" (no result, exit 1), "crash" (abort),
-//                           "exit1" (a valid result, but exit code 1);
+//                           "exit1" (a valid result, but exit code 1),
+//                           "flood" (100 MiB of text, then a valid-looking
+//                           line), "descriptors" (appends to the run log
+//                           what each of its open descriptors refers to,
+//                           then works as usual);
 //   KORVO_HELPER_TEST_OUTPUT  printed as it stands instead of any result;
 //   KORVO_HELPER_TEST_SLEEP_MS  milliseconds to wait (after the run log line)
 //                           before doing anything else, as a person answering
@@ -164,6 +168,33 @@ void sleepAsAsked()
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
+// "0=/dev/null 1=pipe:[...] 2=/dev/null": the descriptors the helper got.
+void logDescriptors()
+{
+    const char* logPath = std::getenv("KORVO_HELPER_RUN_LOG");
+    if (!logPath || !*logPath) return;
+    std::string line;
+    for (int fd = 0; fd < 1024; ++fd) {
+        char link[64], target[512];
+        std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+        const ssize_t n = readlink(link, target, sizeof target - 1);
+        if (n < 0) continue;
+        target[n] = '\0';
+        line += (line.empty() ? "" : " ") + std::to_string(fd) + "=" + target;
+    }
+    FILE* log = std::fopen(logPath, "a");
+    if (!log) return;
+    std::fprintf(log, "descriptors %s\n", line.c_str());
+    std::fclose(log);
+}
+
+void flood()
+{
+    std::string chunk(1 << 20, 'x');
+    for (int i = 0; i < 100; ++i) std::fwrite(chunk.data(), 1, chunk.size(), stdout);
+    std::fputs("\n00FF\n", stdout);
+}
+
 std::string testMode()
 {
     const char* mode = std::getenv("KORVO_HELPER_TEST_MODE");
@@ -187,6 +218,11 @@ int main(int argc, char** argv)
     if (mode == "refuse") return fail("the user refused the operation");
     if (mode == "crash") std::abort();
     if (mode == "exit1") successCode = 1;
+    if (mode == "flood") {
+        flood();
+        return 0;
+    }
+    if (mode == "descriptors") logDescriptors();
 #endif
 
     // A lone empty input leaves the third argument out.

@@ -1,13 +1,17 @@
 #include "pkcs11/db/Tavik_privatekey_helper.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 
-#include <QDir>
-#include <QFileInfo>
 #include <QRegularExpression>
 
 #include "logging/Logger.h"
@@ -31,11 +35,63 @@ bool isUpperHexOrEmptyMarker(const std::string& argument)
 
 // The directory goes between double quotes; inside them the shell would
 // still expand these.
-bool isSafeInDoubleQuotes(const QString& text)
+bool isSafeInDoubleQuotes(const std::string& text)
 {
-    for (QChar c : text)
-        if (c == QLatin1Char('"') || c == QLatin1Char('$') || c == QLatin1Char('`') || c == QLatin1Char('\\'))
-            return false;
+    for (char c : text)
+        if (c == '"' || c == '$' || c == '`' || c == '\\') return false;
+    return true;
+}
+
+extern "C" char** environ;
+
+// Runs a command line through the shell as popen would, but the child gets
+// nothing of the application's: standard input and error are /dev/null,
+// standard output our pipe, and every other descriptor is closed. At most
+// kHelperOutputLimit bytes of its output are kept (`overflowed` tells when
+// there was more; the rest is read to its end and dropped, so the helper
+// never blocks on a full pipe). `status` is waitpid's, as pclose gives it.
+bool runThroughShell(const std::string& command, std::string* output, bool* overflowed, int* status)
+{
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return false;
+    posix_spawn_file_actions_t actions;
+    if (posix_spawn_file_actions_init(&actions) != 0) {
+        close(fds[0]);
+        close(fds[1]);
+        return false;
+    }
+    bool ready = posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0) == 0 &&
+                 posix_spawn_file_actions_adddup2(&actions, fds[1], 1) == 0 &&
+                 posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0) == 0 &&
+                 posix_spawn_file_actions_addclosefrom_np(&actions, 3) == 0;
+    char shell[] = "sh", flag[] = "-c";
+    std::string line = command;
+    char* argv[] = {shell, flag, line.data(), nullptr};
+    pid_t child = -1;
+    if (ready) ready = posix_spawn(&child, "/bin/sh", &actions, nullptr, argv, environ) == 0;
+    posix_spawn_file_actions_destroy(&actions);
+    close(fds[1]);
+    if (!ready) {
+        close(fds[0]);
+        return false;
+    }
+    output->clear();
+    *overflowed = false;
+    char buffer[4096];
+    for (;;) {
+        const ssize_t got = read(fds[0], buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        const size_t room = kHelperOutputLimit - output->size();
+        if (size_t(got) > room) *overflowed = true;
+        output->append(buffer, std::min(room, size_t(got)));
+    }
+    close(fds[0]);
+    pid_t waited;
+    do {
+        waited = waitpid(child, status, 0);
+    } while (waited < 0 && errno == EINTR);
+    if (waited < 0) *status = -1;
     return true;
 }
 
@@ -82,6 +138,22 @@ void DecryptionCache::Insert(const ByteArray_constSlice& digest, const ByteArray
     result_ = std::move(newResult);
 }
 
+std::string CurrentFileName::directoryBytes()
+{
+    Dl_info info;
+    std::memset(&info, 0, sizeof info);
+    if (dladdr(reinterpret_cast<void*>(&CurrentFileName::getCurrentFileName), &info) == 0 || !info.dli_fname)
+        return std::string();
+    std::string path = info.dli_fname;
+    if (path.empty() || path[0] != '/') {
+        char cwd[4096];
+        if (!getcwd(cwd, sizeof cwd)) return std::string();
+        path = std::string(cwd) + "/" + path;
+    }
+    const size_t slash = path.rfind('/');
+    return slash == 0 ? std::string("/") : path.substr(0, slash);
+}
+
 QString CurrentFileName::getCurrentFileName()
 {
     Dl_info info;
@@ -123,33 +195,30 @@ CK_RV helperResult(const ByteArray_constSlice& digest, const std::string& userHe
     const std::string digestHex = digest.toHex(HexCase::Upper);
     const std::string inputHex = input.toHex(HexCase::Upper);
 
-    const QString directory = QFileInfo(CurrentFileName::getCurrentFileName()).dir().absolutePath();
-    fileLogger->Trace(__LINE__, QString("Current file dir is: ") + directory);
+    const std::string directory = CurrentFileName::directoryBytes();
+    fileLogger->Trace(__LINE__, QString("Current file dir is: ") + QString::fromLocal8Bit(directory.c_str()));
 
-    const QString command = QString("\"") + directory + "/KorvoPerformRsa\" " + QString::fromLatin1(userHex.c_str()) + " " +
-                            QString::fromLatin1(digestHex.c_str()) + " " + QString::fromLatin1(inputHex.c_str());
-    fileLogger->Trace(__LINE__, QString("Executing KorvoPerformRsa with the following command: ") + command);
+    const std::string command = "\"" + directory + "/KorvoPerformRsa\" " + userHex + " " + digestHex + " " + inputHex;
+    fileLogger->Trace(__LINE__, QString("Executing KorvoPerformRsa with the following command: ") +
+                                    QString::fromLocal8Bit(command.c_str()));
 
-    // Nothing outside these character sets reaches the shell.
-    FILE* pipe = nullptr;
-    if (isUpperHexOrEmptyMarker(userHex) && isUpperHexOrEmptyMarker(digestHex) && isUpperHexOrEmptyMarker(inputHex) &&
-        isSafeInDoubleQuotes(directory))
-        // The shell hands its process over to the helper, so a helper
-        // ended by a signal shows as such in the status below (a shell
-        // that forked would report it as an ordinary exit code). The
-        // helper's and the shell's own complaints (a missing helper,
-        // say) must not land on the host application's error stream.
-        pipe = popen((QStringLiteral("exec ") + command + QStringLiteral(" 2>/dev/null")).toLocal8Bit().constData(), "r");
-    if (!pipe) {
+    // Nothing outside these character sets reaches the shell. The shell
+    // hands its process over to the helper, so a helper ended by a signal
+    // shows as such in the status below (a shell that forked would report
+    // it as an ordinary exit code); the shell's own complaints (a missing
+    // helper, say) go nowhere.
+    std::string raw;
+    bool overflowed = false;
+    int status = -1;
+    const bool started = !directory.empty() && isUpperHexOrEmptyMarker(userHex) && isUpperHexOrEmptyMarker(digestHex) &&
+                         isUpperHexOrEmptyMarker(inputHex) && isSafeInDoubleQuotes(directory) &&
+                         runThroughShell("exec " + command + " 2>/dev/null", &raw, &overflowed, &status);
+    if (!started) {
         fileLogger->Error(__LINE__, "Could not open pipe to KorvoPerformRsa.");
         return CKR_DEVICE_ERROR;
     }
 
     fileLogger->Trace(__LINE__, "Reading output from KorvoPerformRsa");
-    QString output;
-    char buffer[256];
-    while (fgets(buffer, sizeof buffer, pipe)) output += QString::fromLatin1(buffer);
-    const int status = pclose(pipe);
     // Only an abnormal end counts here; a helper that exits non-zero
     // but printed a result is a success, the output decides.
     if (status == -1 || (status & 0x7F) != 0) {
@@ -158,6 +227,8 @@ CK_RV helperResult(const ByteArray_constSlice& digest, const std::string& userHe
         return CKR_DEVICE_ERROR;
     }
     fileLogger->Trace(__LINE__, "Closed KorvoPerformRsa pipe");
+    // Output beyond the limit holds no answer the module would take.
+    const QString output = overflowed ? QString() : QString::fromLatin1(raw.data(), int(raw.size()));
 
     static const QRegularExpression resultPattern(QStringLiteral("(00[0-9A-F]*)"));
     const QRegularExpressionMatch match = resultPattern.match(output.toUpper());

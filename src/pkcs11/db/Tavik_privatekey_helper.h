@@ -82,4 +82,12 @@ public:
     // The path of the loaded file that holds this code (the module, or the
     // program it is linked into), from the dynamic loader.
     static QString getCurrentFileName();
+    // The absolute path of the directory that holds it, as the bytes the
+    // loader gave (a directory name need not be valid in any encoding).
+    static std::string directoryBytes();
 };
+
+// The most helper output the module holds: far above the longest valid
+// answer (a 4096-bit result is about a kilobyte of text). What comes after
+// it is read and dropped, and the run fails as one without a result does.
+constexpr size_t kHelperOutputLimit = 64 * 1024;

@@ -1,3 +1,6 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include "pkcs11/db/Tavik_privatekey_helper.h"
 
 #include <openssl/evp.h>
@@ -240,6 +243,7 @@ TEST_F(HelperTest, HelperOutcomeDecidesTheResultButNotACachedOne)
         {"exit1", nullptr, CKR_OK, openSslRaw(block(8))},
         {nullptr, "abc00ff\n", CKR_OK, Bytes{0xFF}},  // the first 00-hex run of the upper-cased output
         {nullptr, "error 42", CKR_FUNCTION_CANCELED, {}},
+        {"flood", nullptr, CKR_FUNCTION_CANCELED, {}},  // a result beyond the output limit is not taken
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.mode ? c.mode : c.output);
@@ -252,6 +256,32 @@ TEST_F(HelperTest, HelperOutcomeDecidesTheResultButNotACachedOne)
             EXPECT_EQ(output, c.expected);
         }
     }
+}
+
+// The helper gets /dev/null as standard input and error, our pipe as its
+// output, and none of the application's descriptors (one is open here).
+TEST_F(HelperTest, HelperGetsOnlyItsOutputPipe)
+{
+    const QByteArray secret = (testsupport::freshDirectory("open-file") + "/secret").toLocal8Bit();
+    const int fd = open(secret.constData(), O_CREAT | O_RDWR, 0600);  // inheritable
+    ASSERT_GE(fd, 3);
+    setenv("KORVO_HELPER_TEST_MODE", "descriptors", 1);
+    Bytes output;
+    FakeKey fresh;
+    makeKey(fresh);
+    EXPECT_EQ(run(fresh, block(9), &output, key.modulus.size()), CKR_OK);
+    close(fd);
+    QString line;
+    for (const QString& entry : runs())
+        if (entry.startsWith("descriptors ")) line = entry.mid(12);
+    const QStringList descriptors = line.split(' ', Qt::SkipEmptyParts);
+    ASSERT_GE(descriptors.size(), 3) << line.toStdString();
+    EXPECT_EQ(descriptors[0], "0=/dev/null");
+    EXPECT_TRUE(descriptors[1].startsWith("1=pipe:")) << line.toStdString();
+    EXPECT_EQ(descriptors[2], "2=/dev/null");
+    // Beyond those, only the helper's own look at its descriptor list.
+    EXPECT_LE(descriptors.size(), 4) << line.toStdString();
+    EXPECT_FALSE(line.contains("secret")) << line.toStdString();
 }
 
 TEST_F(HelperTest, ArgumentsAreCheckedBeforeAnyRun)
@@ -282,31 +312,47 @@ TEST(HelperCache, HitsOnlyOnTheSameDigestAndInputBytes)
     EXPECT_EQ(result, stored);
 }
 
-// The helper is looked for beside the code's own file: run this test program
-// under a name in an empty directory and the helper is missing.
-TEST_F(HelperTest, MissingHelperGivesCanceled)
+// The helper is looked for beside the code's own file: this test program
+// runs again under a name in another directory, one without the helper and
+// one whose name is not valid UTF-8 with the helper beside it.
+TEST_F(HelperTest, HelperIsFoundBesideTheCodeWhateverTheDirectoryName)
 {
-    if (std::getenv(kMissingHelperRun)) {
-        ASSERT_FALSE(QFileInfo::exists(QFileInfo(CurrentFileName::getCurrentFileName()).dir().filePath("KorvoPerformRsa")));
+    if (const char* expected = std::getenv(kMissingHelperRun)) {
         Bytes output;
-        EXPECT_EQ(run(key, block(14), &output, key.modulus.size()), CKR_FUNCTION_CANCELED);
+        EXPECT_EQ(run(key, block(14), &output, key.modulus.size()), CK_RV(std::strtoul(expected, nullptr, 10)));
         return;
     }
-    ASSERT_TRUE(QFileInfo::exists(QFileInfo(CurrentFileName::getCurrentFileName()).dir().filePath("KorvoPerformRsa")));
-    const QByteArray fakeName = (testsupport::freshDirectory("no-helper") + "/unit_tests").toLocal8Bit();
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        setenv(kMissingHelperRun, "1", 1);
-        char filter[] = "--gtest_filter=HelperTest.MissingHelperGivesCanceled";
-        char* argv[] = {const_cast<char*>(fakeName.constData()), filter, nullptr};
-        execv("/proc/self/exe", argv);
-        _exit(127);
+    const QString ownDirectory = QFileInfo(CurrentFileName::getCurrentFileName()).dir().absolutePath();
+    ASSERT_TRUE(QFileInfo::exists(ownDirectory + "/KorvoPerformRsa"));
+    const struct {
+        const char* name;
+        bool withHelper;
+        CK_RV expected;
+    } cases[] = {{"no-helper", false, CKR_FUNCTION_CANCELED}, {"helper-\xff\xfe-\x80", true, CKR_OK}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string directory = testsupport::freshDirectory("dirs").toStdString() + "/" + c.name;
+        ASSERT_EQ(mkdir(directory.c_str(), 0700), 0);
+        if (c.withHelper) {
+            ASSERT_EQ(symlink((ownDirectory + "/KorvoPerformRsa").toLocal8Bit().constData(),
+                              (directory + "/KorvoPerformRsa").c_str()),
+                      0);
+        }
+        const std::string fakeName = directory + "/unit_tests";
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            setenv(kMissingHelperRun, std::to_string(c.expected).c_str(), 1);
+            char filter[] = "--gtest_filter=HelperTest.HelperIsFoundBesideTheCodeWhateverTheDirectoryName";
+            char* argv[] = {const_cast<char*>(fakeName.c_str()), filter, nullptr};
+            execv("/proc/self/exe", argv);
+            _exit(127);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0);
     }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 }  // namespace
