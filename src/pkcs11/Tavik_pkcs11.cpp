@@ -8,6 +8,7 @@
 #include "pkcs11/P11Mutex.h"
 #include "pkcs11/P11Token.h"
 #include "pkcs11/Tavik_pkcs11_entry.h"
+#include "pkcs11/Tavik_pkcs11_frame.h"
 #include "pkcs11/db/Tavik_p11trace.h"
 
 bool initialized = false;
@@ -115,65 +116,85 @@ CK_RV P11_traceExit(const char* function, CK_RV rv)
 KORVO_EXPORT CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR ppFunctionList)
 {
     if (functionList.version.major == 0) fillFunctionList();
-    TSQ_Trace(3, "Entering %s", "C_GetFunctionList");
-    TSQ_Trace(4, "ppFunctionList = %p", static_cast<void*>(ppFunctionList));
+    P11_bridge([&] {
+        TSQ_Trace(3, "Entering %s", "C_GetFunctionList");
+        TSQ_Trace(4, "ppFunctionList = %p", static_cast<void*>(ppFunctionList));
+        return CKR_OK;
+    });
     *ppFunctionList = &functionList;
-    TSQ_Trace(3, "Exiting %s\n", "C_GetFunctionList");
+    P11_bridge([] {
+        TSQ_Trace(3, "Exiting %s\n", "C_GetFunctionList");
+        return CKR_OK;
+    });
     return CKR_OK;
 }
 
 KORVO_EXPORT CK_RV C_Initialize(CK_VOID_PTR pInitArgs)
 {
-    TSQ_Trace_Init();
-    TSQ_Trace(3, "Entering %s", "C_Initialize");
-    TSQ_Trace(4, "In:");
-    TSQ_Trace(4, "pInitArgs = %p", pInitArgs);
-    if (initialized) return P11_traceExit("C_Initialize", CKR_CRYPTOKI_ALREADY_INITIALIZED);
-    CK_RV rv = P11_InitializeMutexFuncs(static_cast<CK_C_INITIALIZE_ARGS_PTR>(pInitArgs));
-    if (rv != CKR_OK) return P11_traceExit("C_Initialize", rv);
-    rv = P11Token_construct(&pToken);
-    if (rv != CKR_OK) return P11_traceExit("C_Initialize", rv);
-    if (!pToken) return CKR_GENERAL_ERROR;
-    initialized = true;
-    return P11_traceExit("C_Initialize", CKR_OK);
+    P11_bridge([] {
+        TSQ_Trace_Init();
+        return CKR_OK;
+    });
+    return frame(
+        "C_Initialize", [&] { TSQ_Trace(4, "pInitArgs = %p", pInitArgs); },
+        [&]() -> CK_RV {
+            if (initialized) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
+            CK_RV rv = P11_InitializeMutexFuncs(static_cast<CK_C_INITIALIZE_ARGS_PTR>(pInitArgs));
+            if (rv != CKR_OK) return rv;
+            rv = P11Token_construct(&pToken);
+            if (rv != CKR_OK) return rv;
+            if (!pToken) return CKR_GENERAL_ERROR;
+            initialized = true;
+            return CKR_OK;
+        },
+        FrameCheck::None);
 }
 
 KORVO_EXPORT CK_RV C_Finalize(CK_VOID_PTR pReserved)
 {
-    TSQ_Trace(3, "Entering %s", "C_Finalize");
-    TSQ_Trace(4, "In:");
-    TSQ_Trace(4, "pReserved = %p", pReserved);
-    if (pReserved) return P11_traceExit("C_Finalize", CKR_ARGUMENTS_BAD);
-    if (!initialized) return P11_traceExit("C_Finalize", CKR_CRYPTOKI_NOT_INITIALIZED);
-    const CK_RV rv = P11Token_destruct(&pToken);
-    // Counted as finalised even when tearing down failed, so that the
-    // application can initialise again.
-    initialized = false;
-    if (rv != CKR_OK) {
-        pToken = nullptr;
-        return P11_traceExit("C_Finalize", rv);
-    }
-    // With the token gone nothing of the crypto core is in use: its library
-    // context goes too, so unloading the module leaves nothing behind.
-    crypto_release_context();
-    P11_traceExit("C_Finalize", CKR_OK);
-    TSQ_Trace_Exit();
-    return CKR_OK;
+    const CK_RV rv = frame(
+        "C_Finalize", [&] { TSQ_Trace(4, "pReserved = %p", pReserved); },
+        [&]() -> CK_RV {
+            if (pReserved) return CKR_ARGUMENTS_BAD;
+            if (!initialized) return CKR_CRYPTOKI_NOT_INITIALIZED;
+            const CK_RV destructRv = P11Token_destruct(&pToken);
+            // Counted as finalised even when tearing down failed, so that the
+            // application can initialise again.
+            initialized = false;
+            if (destructRv != CKR_OK) {
+                pToken = nullptr;
+                return destructRv;
+            }
+            // With the token gone nothing of the crypto core is in use: its
+            // library context goes too, so unloading the module leaves
+            // nothing behind.
+            crypto_release_context();
+            return CKR_OK;
+        },
+        FrameCheck::None);
+    if (rv == CKR_OK)
+        P11_bridge([] {
+            TSQ_Trace_Exit();
+            return CKR_OK;
+        });
+    return rv;
 }
 
 KORVO_EXPORT CK_RV C_GetInfo(CK_INFO_PTR pInfo)
 {
-    TSQ_Trace(3, "Entering %s", "C_GetInfo");
-    TSQ_Trace(4, "In:");
-    TSQ_Trace(4, "pInfo = %p", static_cast<void*>(pInfo));
-    if (!pInfo) return P11_traceExit("C_GetInfo", CKR_ARGUMENTS_BAD);
-    if (!initialized) return P11_traceExit("C_GetInfo", CKR_CRYPTOKI_NOT_INITIALIZED);
-    pInfo->cryptokiVersion = cryptokiVersion;
-    std::memcpy(pInfo->manufacturerID, manufacturerID, sizeof pInfo->manufacturerID);
-    pInfo->flags = 0;
-    std::memcpy(pInfo->libraryDescription, libraryDescription, sizeof pInfo->libraryDescription);
-    pInfo->libraryVersion = libraryVersion;
-    TSQ_Trace(4, "Out:");
-    TSQ_TraceInfo(P11TraceContext, 4, "pInfo", pInfo);
-    return P11_traceExit("C_GetInfo", CKR_OK);
+    return frame(
+        "C_GetInfo", [&] { TSQ_Trace(4, "pInfo = %p", static_cast<void*>(pInfo)); },
+        [&]() -> CK_RV {
+            if (!pInfo) return CKR_ARGUMENTS_BAD;
+            if (!initialized) return CKR_CRYPTOKI_NOT_INITIALIZED;
+            pInfo->cryptokiVersion = cryptokiVersion;
+            std::memcpy(pInfo->manufacturerID, manufacturerID, sizeof pInfo->manufacturerID);
+            pInfo->flags = 0;
+            std::memcpy(pInfo->libraryDescription, libraryDescription, sizeof pInfo->libraryDescription);
+            pInfo->libraryVersion = libraryVersion;
+            TSQ_Trace(4, "Out:");
+            TSQ_TraceInfo(P11TraceContext, 4, "pInfo", pInfo);
+            return CKR_OK;
+        },
+        FrameCheck::None);
 }

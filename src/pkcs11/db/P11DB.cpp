@@ -1,3 +1,4 @@
+#include "pkcs11/P11Bridge.h"
 #include "pkcs11/db/P11DB.h"
 
 #include <cstring>
@@ -270,12 +271,11 @@ CK_RV P11DB_GetLabel(P11DB*, CK_UTF8CHAR_PTR label)
 CK_RV P11DB_GetRandomSeed(P11DB*, CK_BYTE_PTR buffer, CK_ULONG_PTR length)
 {
     if (!buffer) return CKR_OK;
-    try {
+    const CK_RV rv = P11_bridge([&] {
         SecureRandomNumberGenerator::fill(buffer, *length);
-    } catch (...) {
-        return CKR_GENERAL_ERROR;
-    }
-    return CKR_OK;
+        return CKR_OK;
+    });
+    return rv == CKR_OK ? CKR_OK : CKR_GENERAL_ERROR;
 }
 
 CK_RV P11DB_IsLoggedIn(P11DB*, CK_BBOOL* loggedIn, CK_USER_TYPE* userType)
@@ -287,16 +287,9 @@ CK_RV P11DB_IsLoggedIn(P11DB*, CK_BBOOL* loggedIn, CK_USER_TYPE* userType)
 
 CK_RV P11DB_FindObjects(P11DB* db, P11FindContext* context)
 {
-    CK_RV rv = CKR_OK;
-    try {
-        rv = refreshObjects(db);
-    } catch (const std::bad_alloc&) {
-        rv = CKR_HOST_MEMORY;
-    } catch (...) {
-        // The store could not be read (a certificate folder or file that
-        // cannot be read).
-        rv = CKR_FUNCTION_FAILED;
-    }
+    // An exception means the store could not be read (a certificate folder
+    // or file that cannot be read).
+    CK_RV rv = P11_bridge([&] { return refreshObjects(db); }, CKR_FUNCTION_FAILED);
     if (rv != CKR_OK) return rv;
     return P11ObjList_findObjects(db->objects, context);
 }

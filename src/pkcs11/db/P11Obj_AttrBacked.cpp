@@ -73,10 +73,3 @@ P11AttrWriter P11AttrWriter_forStore(P11AttrObj* store)
                          store};
 }
 
-void P11Obj_AttrBacked_traceAllocationException(const char* what)
-{
-    if (what)
-        TSQ_Trace(1, "Exception caught: %s", what);
-    else
-        TSQ_Trace(1, "Unknown exception");
-}

@@ -4,6 +4,7 @@
 // attribute store filled once from the certificate. Their attributes are
 // read-only and they do not enumerate or count them.
 
+#include "pkcs11/P11Bridge.h"
 #include "pkcs11/objects/P11AttrObj.h"
 #include <exception>
 #include <new>
@@ -92,41 +93,38 @@ struct P11AttrWriter {
 // A writer into an attribute store.
 P11AttrWriter P11AttrWriter_forStore(P11AttrObj* store);
 
-// Runs a loader that may throw: a writer failure gives its code, allocation
-// failures CKR_HOST_MEMORY, anything else (a certificate that does not
-// parse) CKR_FUNCTION_FAILED.
+// Runs a loader that may throw, through the exception bridge: a writer
+// failure gives its code, allocation failures CKR_HOST_MEMORY, anything
+// else (a certificate that does not parse) CKR_FUNCTION_FAILED.
 template <typename Load>
 CK_RV P11_runLoader(Load&& load)
 {
-    try {
-        load();
-        return CKR_OK;
-    } catch (const P11AttrWriter::Failure& failure) {
-        return failure.rv;
-    } catch (const std::bad_alloc&) {
-        return CKR_HOST_MEMORY;
-    } catch (...) {
-        return CKR_FUNCTION_FAILED;
-    }
+    return P11_bridge(
+        [&] {
+            try {
+                load();
+                return CKR_OK;
+            } catch (const P11AttrWriter::Failure& failure) {
+                return failure.rv;
+            }
+        },
+        CKR_FUNCTION_FAILED);
 }
-
-// Trace of an exception caught while a record was being allocated.
-void P11Obj_AttrBacked_traceAllocationException(const char* what);
 
 template <typename T>
 CK_RV P11Obj_AttrBacked_allocate(T** object, const P11ObjClass* clazz)
 {
     *object = nullptr;
     T* record = nullptr;
-    try {
-        record = new (std::nothrow) T{};
-    } catch (const std::exception& e) {
-        P11Obj_AttrBacked_traceAllocationException(e.what());
-        return CKR_GENERAL_ERROR;
-    } catch (...) {
-        P11Obj_AttrBacked_traceAllocationException(nullptr);
-        return CKR_GENERAL_ERROR;
-    }
+    // Memory that is not there gives CKR_HOST_MEMORY; an exception thrown
+    // while the record is made is logged and gives CKR_GENERAL_ERROR.
+    const CK_RV made = P11_bridge(
+        [&] {
+            record = new (std::nothrow) T{};
+            return CKR_OK;
+        },
+        CKR_GENERAL_ERROR, CKR_GENERAL_ERROR);
+    if (made != CKR_OK) return made;
     if (!record) return CKR_HOST_MEMORY;
     record->clazz = clazz;
     CK_RV rv = P11Mutex_construct(&record->mutex);

@@ -1,3 +1,4 @@
+#include "pkcs11/P11Bridge.h"
 #include "pkcs11/db/Tavik_privatekey.h"
 
 #include <cstring>
@@ -392,16 +393,17 @@ CK_RV Tavik_KEY_PROV_INFO_setX509Certificate(Tavik_KEY_PROV_INFO* info, const un
     delete[] info->certDigest;
     info->certDigest = new (std::nothrow) unsigned char[kDigestLength];
     if (!info->certDigest) return CKR_HOST_MEMORY;
-    try {
+    const CK_RV rv = P11_bridge([&] {
         const ByteArray digest = Sha256::Hash(ByteArray_constSlice(der, length));
-        if (digest.size() != kDigestLength) throw std::length_error("digest length");
+        if (digest.size() != kDigestLength) return CKR_GENERAL_ERROR;
         std::memcpy(info->certDigest, digest.data(), kDigestLength);
         return CKR_OK;
-    } catch (...) {
+    });
+    if (rv != CKR_OK) {
         delete[] info->certDigest;
         info->certDigest = nullptr;
-        return CKR_GENERAL_ERROR;
     }
+    return rv == CKR_HOST_MEMORY ? rv : rv == CKR_OK ? CKR_OK : CKR_GENERAL_ERROR;
 }
 
 CK_RV P11Obj_Tavik_PrivateKey_loadAttributes(P11AttrObj* store, const unsigned char* der, unsigned long length)
