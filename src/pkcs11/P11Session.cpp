@@ -67,6 +67,14 @@ CK_RV beginOperation(P11Session* session, uint32_t kind, P11Obj* key, Init init)
 
 // Single-part and final calls of encrypt, decrypt, sign and digest: a
 // length query (null output) or a too-small buffer keeps the operation.
+// Bytes missing behind a length. Such arguments, and a missing output
+// length, are answered CKR_ARGUMENTS_BAD before a class member sees them;
+// the operation then ends or stays as after any other failure.
+bool missing(const void* bytes, CK_ULONG length)
+{
+    return !bytes && length;
+}
+
 template <typename Call>
 CK_RV finishingCall(P11Session* session, uint32_t kind, const void* output, Call call)
 {
@@ -491,19 +499,19 @@ CK_RV P11Session_encryptInit(P11Session* session, P11Obj* key, CK_MECHANISM_PTR 
 CK_RV P11Session_encrypt(P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen)
 {
     return finishingCall(session, P11_OP_ENCRYPT, out,
-                         [&](P11Obj* key) { return P11Obj_encrypt(key, session, data, dataLen, out, outLen); });
+                         [&](P11Obj* key) { return (missing(data, dataLen) || !outLen) ? CKR_ARGUMENTS_BAD : P11Obj_encrypt(key, session, data, dataLen, out, outLen); });
 }
 
 CK_RV P11Session_encryptUpdate(P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen)
 {
     return updateCall(session, P11_OP_ENCRYPT, UpdateRule::KeepOnShortBuffer,
-                      [&](P11Obj* key) { return P11Obj_encryptUpdate(key, session, data, dataLen, out, outLen); });
+                      [&](P11Obj* key) { return (missing(data, dataLen) || !outLen) ? CKR_ARGUMENTS_BAD : P11Obj_encryptUpdate(key, session, data, dataLen, out, outLen); });
 }
 
 CK_RV P11Session_encryptFinal(P11Session* session, CK_BYTE_PTR out, CK_ULONG_PTR outLen)
 {
     return finishingCall(session, P11_OP_ENCRYPT, out,
-                         [&](P11Obj* key) { return P11Obj_encryptFinal(key, session, out, outLen); });
+                         [&](P11Obj* key) { return (!outLen) ? CKR_ARGUMENTS_BAD : P11Obj_encryptFinal(key, session, out, outLen); });
 }
 
 // ---- decrypt ----
@@ -516,19 +524,19 @@ CK_RV P11Session_decryptInit(P11Session* session, P11Obj* key, CK_MECHANISM_PTR 
 CK_RV P11Session_decrypt(P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen)
 {
     return finishingCall(session, P11_OP_DECRYPT, out,
-                         [&](P11Obj* key) { return P11Obj_decrypt(key, session, data, dataLen, out, outLen); });
+                         [&](P11Obj* key) { return (missing(data, dataLen) || !outLen) ? CKR_ARGUMENTS_BAD : P11Obj_decrypt(key, session, data, dataLen, out, outLen); });
 }
 
 CK_RV P11Session_decryptUpdate(P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen)
 {
     return updateCall(session, P11_OP_DECRYPT, UpdateRule::KeepOnShortBuffer,
-                      [&](P11Obj* key) { return P11Obj_decryptUpdate(key, session, data, dataLen, out, outLen); });
+                      [&](P11Obj* key) { return (missing(data, dataLen) || !outLen) ? CKR_ARGUMENTS_BAD : P11Obj_decryptUpdate(key, session, data, dataLen, out, outLen); });
 }
 
 CK_RV P11Session_decryptFinal(P11Session* session, CK_BYTE_PTR out, CK_ULONG_PTR outLen)
 {
     return finishingCall(session, P11_OP_DECRYPT, out,
-                         [&](P11Obj* key) { return P11Obj_decryptFinal(key, session, out, outLen); });
+                         [&](P11Obj* key) { return (!outLen) ? CKR_ARGUMENTS_BAD : P11Obj_decryptFinal(key, session, out, outLen); });
 }
 
 // ---- sign ----
@@ -541,20 +549,20 @@ CK_RV P11Session_signInit(P11Session* session, P11Obj* key, CK_MECHANISM_PTR mec
 CK_RV P11Session_sign(P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen)
 {
     return finishingCall(session, P11_OP_SIGN, signature, [&](P11Obj* key) {
-        return P11Obj_sign(key, session, data, dataLen, signature, signatureLen);
+        return (missing(data, dataLen) || !signatureLen) ? CKR_ARGUMENTS_BAD : P11Obj_sign(key, session, data, dataLen, signature, signatureLen);
     });
 }
 
 CK_RV P11Session_signUpdate(P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen)
 {
     return updateCall(session, P11_OP_SIGN, UpdateRule::EndOnAnyFailureOrStray,
-                      [&](P11Obj* key) { return P11Obj_signUpdate(key, session, data, dataLen); });
+                      [&](P11Obj* key) { return (missing(data, dataLen)) ? CKR_ARGUMENTS_BAD : P11Obj_signUpdate(key, session, data, dataLen); });
 }
 
 CK_RV P11Session_signFinal(P11Session* session, CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen)
 {
     return finishingCall(session, P11_OP_SIGN, signature,
-                         [&](P11Obj* key) { return P11Obj_signFinal(key, session, signature, signatureLen); });
+                         [&](P11Obj* key) { return (!signatureLen) ? CKR_ARGUMENTS_BAD : P11Obj_signFinal(key, session, signature, signatureLen); });
 }
 
 CK_RV P11Session_signRecoverInit(P11Session* session, P11Obj* key, CK_MECHANISM_PTR mechanism)
@@ -567,7 +575,7 @@ CK_RV P11Session_signRecover(P11Session* session, CK_BYTE_PTR data, CK_ULONG dat
                              CK_ULONG_PTR signatureLen)
 {
     return finishingCall(session, P11_OP_SIGN_RECOVER, signature, [&](P11Obj* key) {
-        return P11Obj_signRecover(key, session, data, dataLen, signature, signatureLen);
+        return (missing(data, dataLen) || !signatureLen) ? CKR_ARGUMENTS_BAD : P11Obj_signRecover(key, session, data, dataLen, signature, signatureLen);
     });
 }
 
@@ -581,20 +589,20 @@ CK_RV P11Session_verifyInit(P11Session* session, P11Obj* key, CK_MECHANISM_PTR m
 CK_RV P11Session_verify(P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR signature, CK_ULONG signatureLen)
 {
     return verifyingCall(session, P11_OP_VERIFY, [&](P11Obj* key) {
-        return P11Obj_verify(key, session, data, dataLen, signature, signatureLen);
+        return (missing(data, dataLen) || missing(signature, signatureLen)) ? CKR_ARGUMENTS_BAD : P11Obj_verify(key, session, data, dataLen, signature, signatureLen);
     });
 }
 
 CK_RV P11Session_verifyUpdate(P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen)
 {
     return updateCall(session, P11_OP_VERIFY, UpdateRule::EndOnAnyFailure,
-                      [&](P11Obj* key) { return P11Obj_verifyUpdate(key, session, data, dataLen); });
+                      [&](P11Obj* key) { return (missing(data, dataLen)) ? CKR_ARGUMENTS_BAD : P11Obj_verifyUpdate(key, session, data, dataLen); });
 }
 
 CK_RV P11Session_verifyFinal(P11Session* session, CK_BYTE_PTR signature, CK_ULONG signatureLen)
 {
     return verifyingCall(session, P11_OP_VERIFY,
-                         [&](P11Obj* key) { return P11Obj_verifyFinal(key, session, signature, signatureLen); });
+                         [&](P11Obj* key) { return (missing(signature, signatureLen)) ? CKR_ARGUMENTS_BAD : P11Obj_verifyFinal(key, session, signature, signatureLen); });
 }
 
 CK_RV P11Session_verifyRecoverInit(P11Session* session, P11Obj* key, CK_MECHANISM_PTR mechanism)
@@ -607,7 +615,7 @@ CK_RV P11Session_verifyRecover(P11Session* session, CK_BYTE_PTR signature, CK_UL
                                CK_ULONG_PTR dataLen)
 {
     return verifyingCall(session, P11_OP_VERIFY_RECOVER, [&](P11Obj* key) {
-        return P11Obj_verifyRecover(key, session, signature, signatureLen, data, dataLen);
+        return (missing(signature, signatureLen) || !dataLen) ? CKR_ARGUMENTS_BAD : P11Obj_verifyRecover(key, session, signature, signatureLen, data, dataLen);
     });
 }
 
@@ -621,13 +629,13 @@ CK_RV P11Session_digestInit(P11Session* session, CK_MECHANISM_PTR mechanism)
 CK_RV P11Session_digest(P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR digest, CK_ULONG_PTR digestLen)
 {
     return finishingCall(session, P11_OP_DIGEST, digest,
-                         [&](P11Obj*) { return P11Session_digest_do(session, data, dataLen, digest, digestLen); });
+                         [&](P11Obj*) { return (missing(data, dataLen) || !digestLen) ? CKR_ARGUMENTS_BAD : P11Session_digest_do(session, data, dataLen, digest, digestLen); });
 }
 
 CK_RV P11Session_digestUpdate(P11Session* session, CK_BYTE_PTR data, CK_ULONG dataLen)
 {
     return updateCall(session, P11_OP_DIGEST, UpdateRule::NeverEnd,
-                      [&](P11Obj*) { return P11Session_digestUpdate_do(session, data, dataLen); });
+                      [&](P11Obj*) { return (missing(data, dataLen)) ? CKR_ARGUMENTS_BAD : P11Session_digestUpdate_do(session, data, dataLen); });
 }
 
 CK_RV P11Session_digestKey(P11Session* session, P11Obj* key)
@@ -639,5 +647,5 @@ CK_RV P11Session_digestKey(P11Session* session, P11Obj* key)
 CK_RV P11Session_digestFinal(P11Session* session, CK_BYTE_PTR digest, CK_ULONG_PTR digestLen)
 {
     return finishingCall(session, P11_OP_DIGEST, digest,
-                         [&](P11Obj*) { return P11Session_digestFinal_do(session, digest, digestLen); });
+                         [&](P11Obj*) { return (!digestLen) ? CKR_ARGUMENTS_BAD : P11Session_digestFinal_do(session, digest, digestLen); });
 }

@@ -61,6 +61,29 @@ CK_RV keyOf(CK_OBJECT_HANDLE handle, P11Obj** key)
     return rv == CKR_OBJECT_HANDLE_INVALID ? CKR_KEY_HANDLE_INVALID : rv;
 }
 
+// Arguments the layers below would have to trust: a template whose array
+// or an entry's value is missing while a length says it is there, bytes
+// missing behind a length, a mechanism missing, or its parameter missing
+// behind a length. Each is answered here, before anything is made or run.
+CK_RV checkTemplate(CK_ATTRIBUTE_PTR attributes, CK_ULONG count)
+{
+    if (count && !attributes) return CKR_ARGUMENTS_BAD;
+    for (CK_ULONG i = 0; i < count; ++i)
+        if (!attributes[i].pValue && attributes[i].ulValueLen) return CKR_ARGUMENTS_BAD;
+    return CKR_OK;
+}
+
+CK_RV checkBytes(CK_BYTE_PTR bytes, CK_ULONG length)
+{
+    return !bytes && length ? CKR_ARGUMENTS_BAD : CKR_OK;
+}
+
+CK_RV checkMechanism(CK_MECHANISM_PTR mechanism)
+{
+    if (!mechanism) return CKR_ARGUMENTS_BAD;
+    return !mechanism->pParameter && mechanism->ulParameterLen ? CKR_MECHANISM_PARAM_INVALID : CKR_OK;
+}
+
 // An output buffer after a successful call: secret outputs (plaintext,
 // digests of secrets) only as the secure trace shows them.
 void traceOut(const char* label, CK_BYTE_PTR out, CK_ULONG length, bool secret)
@@ -417,6 +440,8 @@ KORVO_EXPORT CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR p
             SessionRef session;
             CK_RV rv = sessionOf(hSession, session.out());
             ObjectRef object;
+            if (rv == CKR_OK && !phObject) rv = CKR_ARGUMENTS_BAD;
+            if (rv == CKR_OK) rv = checkTemplate(pTemplate, ulCount);
             if (rv == CKR_OK) rv = P11Obj_SW_construct(object.out());
             if (rv == CKR_OK) rv = P11Obj_createObject(object, session, pTemplate, ulCount);
             return deliverObject(rv, object, phObject);
@@ -439,6 +464,8 @@ KORVO_EXPORT CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hOb
             ObjectRef object;
             CK_RV rv = sessionOf(hSession, session.out());
             if (rv == CKR_OK) rv = objectOf(hObject, source.out());
+            if (rv == CKR_OK && !phNewObject) rv = CKR_ARGUMENTS_BAD;
+            if (rv == CKR_OK) rv = checkTemplate(pTemplate, ulCount);
             if (rv == CKR_OK) rv = P11Obj_SW_construct(object.out());
             if (rv == CKR_OK) rv = P11Obj_copyObject(source, object, session, pTemplate, ulCount);
             return deliverObject(rv, object, phNewObject);
@@ -514,6 +541,7 @@ KORVO_EXPORT CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HAN
         [&]() -> CK_RV {
             ObjectRef object;
             CK_RV rv = objectOf(hObject, object.out());
+            if (rv == CKR_OK) rv = checkTemplate(pTemplate, ulCount);
             if (rv == CKR_OK) rv = P11Obj_setAttributeValues(object, pTemplate, ulCount);
             return rv;
         });
@@ -531,7 +559,7 @@ KORVO_EXPORT CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PT
             if (hSession == 0) return CKR_SESSION_HANDLE_INVALID;
             SessionRef session;
             CK_RV rv = sessionOf(hSession, session.out());
-            if (rv == CKR_OK && ulCount && !pTemplate) rv = CKR_ARGUMENTS_BAD;
+            if (rv == CKR_OK) rv = checkTemplate(pTemplate, ulCount);
             if (rv == CKR_OK) rv = P11Session_findObjectsInit(session, pTemplate, ulCount);
             return rv;
         });
@@ -592,6 +620,7 @@ KORVO_EXPORT CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE hSession)
                 ObjectRef key;                                                                 \
                 CK_RV rv = sessionOf(hSession, session.out());                                 \
                 if (rv == CKR_OK) rv = keyOf(hKey, key.out());                                 \
+                if (rv == CKR_OK) rv = checkMechanism(pMechanism);                             \
                 if (rv == CKR_OK) rv = operation(session, key, pMechanism);                    \
                 return rv;                                                                     \
             });                                                                                \
@@ -717,6 +746,7 @@ KORVO_EXPORT CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMe
         [&]() -> CK_RV {
             SessionRef session;
             CK_RV rv = sessionOf(hSession, session.out());
+            if (rv == CKR_OK) rv = checkMechanism(pMechanism);
             if (rv == CKR_OK) rv = P11Session_digestInit(session, pMechanism);
             return rv;
         });
@@ -807,6 +837,9 @@ KORVO_EXPORT CK_RV C_GenerateKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pM
             SessionRef session;
             ObjectRef object;
             CK_RV rv = sessionOf(hSession, session.out());
+            if (rv == CKR_OK && !phKey) rv = CKR_ARGUMENTS_BAD;
+            if (rv == CKR_OK) rv = checkMechanism(pMechanism);
+            if (rv == CKR_OK) rv = checkTemplate(pTemplate, ulCount);
             if (rv == CKR_OK) rv = P11Obj_SW_construct(object.out());
             if (rv == CKR_OK) rv = P11Obj_createAndGenerateKey(object, pMechanism, pTemplate, ulCount, session);
             return deliverObject(rv, object, phKey);
@@ -831,6 +864,10 @@ KORVO_EXPORT CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PT
             ObjectRef publicKey;
             ObjectRef privateKey;
             CK_RV rv = sessionOf(hSession, session.out());
+            if (rv == CKR_OK && (!phPublicKey || !phPrivateKey)) rv = CKR_ARGUMENTS_BAD;
+            if (rv == CKR_OK) rv = checkMechanism(pMechanism);
+            if (rv == CKR_OK) rv = checkTemplate(pPublicKeyTemplate, ulPublicKeyAttributeCount);
+            if (rv == CKR_OK) rv = checkTemplate(pPrivateKeyTemplate, ulPrivateKeyAttributeCount);
             if (rv == CKR_OK) rv = P11Obj_SW_construct(publicKey.out());
             if (rv == CKR_OK) rv = P11Obj_SW_construct(privateKey.out());
             if (rv == CKR_OK)
@@ -866,6 +903,8 @@ KORVO_EXPORT CK_RV C_WrapKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMecha
             CK_RV rv = sessionOf(hSession, session.out());
             if (rv == CKR_OK) rv = keyOf(hWrappingKey, wrappingKey.out());
             if (rv == CKR_OK) rv = keyOf(hKey, key.out());
+            if (rv == CKR_OK && !pulWrappedKeyLen) rv = CKR_ARGUMENTS_BAD;
+            if (rv == CKR_OK) rv = checkMechanism(pMechanism);
             if (rv == CKR_OK) rv = P11Obj_wrapKey(wrappingKey, session, pMechanism, key, pWrappedKey, pulWrappedKeyLen);
             if (rv == CKR_OK && pWrappedKey) {
                 TSQ_Trace(4, "Out:");
@@ -894,6 +933,10 @@ KORVO_EXPORT CK_RV C_UnwrapKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMec
             ObjectRef object;
             CK_RV rv = sessionOf(hSession, session.out());
             if (rv == CKR_OK) rv = keyOf(hUnwrappingKey, unwrappingKey.out());
+            if (rv == CKR_OK && !phKey) rv = CKR_ARGUMENTS_BAD;
+            if (rv == CKR_OK) rv = checkMechanism(pMechanism);
+            if (rv == CKR_OK) rv = checkBytes(pWrappedKey, ulWrappedKeyLen);
+            if (rv == CKR_OK) rv = checkTemplate(pTemplate, ulAttributeCount);
             if (rv == CKR_OK) rv = P11Obj_SW_construct(object.out());
             if (rv == CKR_OK)
                 rv = P11Obj_createAndUnwrapKey(unwrappingKey, pMechanism, pTemplate, ulAttributeCount, session, pWrappedKey,
@@ -919,6 +962,8 @@ KORVO_EXPORT CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMec
             ObjectRef object;
             CK_RV rv = sessionOf(hSession, session.out());
             if (rv == CKR_OK) rv = keyOf(hBaseKey, baseKey.out());
+            if (rv == CKR_OK) rv = checkMechanism(pMechanism);
+            if (rv == CKR_OK) rv = checkTemplate(pTemplate, ulAttributeCount);
             if (rv == CKR_OK) rv = P11Obj_SW_construct(object.out());
             if (rv == CKR_OK) rv = P11Obj_createAndDeriveKey(baseKey, pMechanism, pTemplate, ulAttributeCount, session, object);
             if (rv == CKR_OK && !phKey) {
