@@ -7,6 +7,7 @@
 // Views never own memory: they stay valid only while their owner lives and
 // is not resized.
 
+#include "deps/cpp_modules/WipingBytes.h"
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -108,7 +109,9 @@ public:
     bool operator!=(const ByteArray& other) const { return bytes_ != other.bytes_; }
 
 private:
-    std::vector<uint8_t> bytes_;
+    // Byte arrays carry helper results, plaintext and keys: their memory
+    // is wiped when it is given back.
+    std::vector<uint8_t, WipingAllocator<uint8_t>> bytes_;
 };
 
 class ByteArray_Reader {

@@ -1,6 +1,7 @@
 #include "pkcs11/db/Tavik_privatekey_helper.h"
 
 #include <dlfcn.h>
+#include <openssl/crypto.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -12,7 +13,6 @@
 #include <cstring>
 #include <exception>
 
-#include <QRegularExpression>
 
 #include "logging/Logger.h"
 #include "pkcs11/objects/P11Obj.h"
@@ -76,6 +76,7 @@ bool runThroughShell(const std::string& command, std::string* output, bool* over
         return false;
     }
     output->clear();
+    output->reserve(kHelperOutputLimit);  // never reallocated, so never left behind unwiped
     *overflowed = false;
     char buffer[4096];
     for (;;) {
@@ -208,6 +209,18 @@ CK_RV helperResult(const ByteArray_constSlice& digest, const std::string& userHe
     // it as an ordinary exit code); the shell's own complaints (a missing
     // helper, say) go nowhere.
     std::string raw;
+    std::string upper;
+    // Both copies of the output hold the result in hexadecimal: wiped
+    // however this function ends.
+    struct Wipe {
+        std::string& a;
+        std::string& b;
+        ~Wipe()
+        {
+            OPENSSL_cleanse(a.data(), a.size());
+            OPENSSL_cleanse(b.data(), b.size());
+        }
+    } wipe{raw, upper};
     bool overflowed = false;
     int status = -1;
     const bool started = !directory.empty() && isUpperHexOrEmptyMarker(userHex) && isUpperHexOrEmptyMarker(digestHex) &&
@@ -228,17 +241,25 @@ CK_RV helperResult(const ByteArray_constSlice& digest, const std::string& userHe
     }
     fileLogger->Trace(__LINE__, "Closed KorvoPerformRsa pipe");
     // Output beyond the limit holds no answer the module would take.
-    const QString output = overflowed ? QString() : QString::fromLatin1(raw.data(), int(raw.size()));
-
-    static const QRegularExpression resultPattern(QStringLiteral("(00[0-9A-F]*)"));
-    const QRegularExpressionMatch match = resultPattern.match(output.toUpper());
-    const QString hexOutput = match.hasMatch() ? match.captured(0) : QString();
-    if (hexOutput.size() < 2 || !hexOutput.startsWith(QLatin1String("00"))) {
-        fileLogger->Error(__LINE__, QString("KorvoPerformRsa returned an error. hexOutput = ") + output);
+    // The result is the first run of "00" and the hexadecimal digits after
+    // it in the upper-cased output; output beyond the limit holds no answer
+    // the module would take.
+    if (!overflowed) {
+        upper.reserve(raw.size());
+        upper = raw;
+    }
+    for (char& c : upper)
+        if (c >= 'a' && c <= 'z') c = char(c - 'a' + 'A');
+    const size_t start = upper.find("00");
+    if (start == std::string::npos) {
+        fileLogger->Error(__LINE__, QString("KorvoPerformRsa returned an error. hexOutput = ") +
+                                        QString::fromLatin1(upper.data(), int(upper.size())));
         return CKR_FUNCTION_CANCELED;
     }
-
-    result = ByteArray::fromHex(hexOutput.mid(2).toStdString());
+    size_t end = start + 2;
+    while (end < upper.size() && ((upper[end] >= '0' && upper[end] <= '9') || (upper[end] >= 'A' && upper[end] <= 'F')))
+        ++end;
+    result = ByteArray::fromHex(std::string_view(upper).substr(start + 2, end - start - 2));
     cache.Insert(digest, input, result);
     fileLogger->Trace(__LINE__, "KorvoPerformRsa output inserted into cache successfully");
     return CKR_OK;

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <new>
 
+#include "deps/cpp_modules/WipingBytes.h"
+
 namespace {
 
 // The storable types in slot order (ascending type values).
@@ -55,10 +57,12 @@ CK_ATTRIBUTE* newRecord()
     return static_cast<CK_ATTRIBUTE*>(std::calloc(1, sizeof(CK_ATTRIBUTE)));
 }
 
+// Attribute values include key material: their memory is wiped before it
+// is freed.
 void freeRecord(CK_ATTRIBUTE* record)
 {
     if (!record) return;
-    std::free(record->pValue);
+    wipeAndFree(record->pValue, record->ulValueLen);
     std::free(record);
 }
 
@@ -67,19 +71,22 @@ CK_RV copyAttribute(const CK_ATTRIBUTE* source, CK_ATTRIBUTE* destination, bool 
 {
     if (!source || !destination) return CKR_FUNCTION_FAILED;
     if (refuseBytesWithoutPointer && source->ulValueLen && !source->pValue) return CKR_ATTRIBUTE_VALUE_INVALID;
+    // A new block each time (no realloc, which could leave the old value
+    // behind unwiped); the old one is wiped as it goes.
     if (source->ulValueLen) {
-        void* bytes = std::realloc(destination->pValue, source->ulValueLen);
+        void* bytes = std::malloc(source->ulValueLen);
         if (!bytes) {
-            std::free(destination->pValue);
+            wipeAndFree(destination->pValue, destination->ulValueLen);
             destination->pValue = nullptr;
             destination->ulValueLen = 0;
             return CKR_HOST_MEMORY;
         }
-        destination->pValue = bytes;
         if (source->pValue) std::memcpy(bytes, source->pValue, source->ulValueLen);
         else std::memset(bytes, 0, source->ulValueLen);
+        wipeAndFree(destination->pValue, destination->ulValueLen);
+        destination->pValue = bytes;
     } else {
-        std::free(destination->pValue);
+        wipeAndFree(destination->pValue, destination->ulValueLen);
         destination->pValue = nullptr;
     }
     destination->type = source->type;
