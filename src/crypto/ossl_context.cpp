@@ -22,6 +22,10 @@ constexpr size_t kDigestCount = sizeof(kDigestNames) / sizeof(kDigestNames[0]);
 
 struct CryptoContext {
     OSSL_LIB_CTX* libctx;
+    // Unloaded one by one before the context is freed: a provider left to
+    // the context's own clean-up (the legacy one keeps a child context of
+    // its own) is not freed with it.
+    OSSL_PROVIDER* providers[3];
     const EVP_MD* digests[kDigestCount];
     EVP_RAND* ctrDrbg;
 };
@@ -36,17 +40,19 @@ CryptoContext buildContext()
     OSSL_LIB_CTX* libctx = OSSL_LIB_CTX_new();
     if (libctx == nullptr)
         return c;
-    if (OSSL_PROVIDER_load(libctx, "default") == nullptr) {
+    OSSL_PROVIDER* standard = OSSL_PROVIDER_load(libctx, "default");
+    if (standard == nullptr) {
         // Nothing has been handed out yet, so freeing it here is safe.
         OSSL_LIB_CTX_free(libctx);
         return c;
     }
     // Older OpenSSL 3 releases keep RIPEMD-160 only in the legacy provider.
     // A system without the legacy module still gives us everything else.
-    (void)OSSL_PROVIDER_load(libctx, "legacy");
+    c.providers[0] = standard;
+    c.providers[1] = OSSL_PROVIDER_load(libctx, "legacy");
     // The context's own DRBGs are seeded from the token's generator (see
     // seed_source.h); without it they seed from the operating system.
-    (void)crypto_install_seed_source(libctx);
+    c.providers[2] = crypto_install_seed_source(libctx);
 
     c.libctx = libctx;
     for (size_t i = 0; i < kDigestCount; ++i)
@@ -113,8 +119,9 @@ void crypto_release_context()
     if (!c) return;
     for (const EVP_MD* md : c->digests) EVP_MD_free(const_cast<EVP_MD*>(md));
     EVP_RAND_free(c->ctrDrbg);
-    // Freeing the context unloads its providers and frees what was fetched
-    // from it and not freed by its users.
+    // The context's own DRBGs go with it; its providers are unloaded first.
+    for (int i = 2; i >= 0; --i)
+        if (c->providers[i]) OSSL_PROVIDER_unload(c->providers[i]);
     OSSL_LIB_CTX_free(c->libctx);
     delete c;
 }

@@ -193,11 +193,15 @@ void crypto_set_seed_source(int (*fillFunction)(void*, unsigned char*, size_t), 
     sourceArg = fillFunction ? arg : nullptr;
 }
 
-bool crypto_install_seed_source(OSSL_LIB_CTX* libctx)
+OSSL_PROVIDER* crypto_install_seed_source(OSSL_LIB_CTX* libctx)
 {
-    return OSSL_PROVIDER_add_builtin(libctx, "korvo-seed", providerInit) == 1 &&
-           OSSL_PROVIDER_load(libctx, "korvo-seed") != nullptr &&
-           RAND_set_seed_source_type(libctx, "KORVO-SEED", nullptr) == 1;
+    if (OSSL_PROVIDER_add_builtin(libctx, "korvo-seed", providerInit) != 1) return nullptr;
+    OSSL_PROVIDER* provider = OSSL_PROVIDER_load(libctx, "korvo-seed");
+    if (provider && RAND_set_seed_source_type(libctx, "KORVO-SEED", nullptr) != 1) {
+        OSSL_PROVIDER_unload(provider);
+        return nullptr;
+    }
+    return provider;
 }
 
 CryptoGeneratorScope::CryptoGeneratorScope()

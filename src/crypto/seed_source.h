@@ -16,9 +16,11 @@
 void crypto_set_seed_source(int (*fill)(void* arg, unsigned char* out, size_t len), void* arg);
 
 // Makes the source the seed of the context's DRBGs; called once while the
-// context is built, before anything draws from it. False when libcrypto
-// refuses it (the context then seeds from the operating system).
-bool crypto_install_seed_source(OSSL_LIB_CTX* libctx);
+// context is built, before anything draws from it. The provider that
+// serves it (unloaded by the context's owner before the context is freed),
+// or null when libcrypto refuses it (the context then seeds from the
+// operating system).
+OSSL_PROVIDER* crypto_install_seed_source(OSSL_LIB_CTX* libctx);
 
 // Marks the calling thread as inside one of the crypto core's own
 // generators for the marker's lifetime. A seed request from such a thread
