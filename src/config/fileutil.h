@@ -29,14 +29,28 @@ struct FileIdentity {
 
 class FileUtil {
 public:
-    // Names (not paths) of the readable regular files in dir whose names match
-    // the wildcard pattern, ignoring case. Symbolic links, directories, FIFOs,
-    // sockets and devices are left out. The directory's own order is kept; a
-    // missing directory gives an empty list.
+    // The largest certificate file the store reads: far above any real
+    // certificate (a few kilobytes). A larger file is refused by its size,
+    // without being read.
+    static constexpr int64_t kMaxFileSize = 1 << 20;
+
+    // File names are bytes; not every name is valid UTF-8. decodePath turns
+    // a name or path into a QString that keeps every byte: valid UTF-8 as
+    // its characters, any other byte b as the lone code unit 0xDC00 + b.
+    // encodePath gives the bytes back exactly.
+    static QString decodePath(const QByteArray& bytes);
+    static QByteArray encodePath(const QString& path);
+
+    // Names (not paths, decoded as decodePath does) of the readable regular
+    // files in dir whose names match the wildcard pattern, ignoring case.
+    // Symbolic links, directories, FIFOs, sockets and devices are left out.
+    // The directory's own order is kept; a missing directory gives an empty
+    // list.
     static QStringList getFilesInDirectory(const QDir& dir, const QString& pattern);
 
     // All bytes of the file. Throws std::runtime_error "Unable to open file
-    // for reading!" when it cannot be opened or is no regular file.
+    // for reading!" when it cannot be opened or is no regular file, and
+    // "Certificate file too large" beyond kMaxFileSize.
     static ByteArray readFileIntoByteArray(const QString& path);
     // The same, also giving the identity of the file that was read (taken
     // before reading, so a write during the read shows at the next look).

@@ -323,3 +323,26 @@ TEST_F(CertificateStoreTest, ReloadSeesEveryRewriteEvenWithTheOldSizeAndModifica
     store->loadClientCertificates();
     EXPECT_EQ(store->rootCaCertificates().size(), 1);
 }
+
+// File names are bytes: every name, valid UTF-8 or not, comes back from its
+// decoded form exactly, and valid names decode as Qt would.
+TEST(FileNames, EveryByteSequenceSurvivesDecoding)
+{
+    const QByteArray names[] = {
+        "alice_01.cer",
+        "\xc3\xa6\xc3\xb8\xc3\xa5_\xe2\x82\xac.cer",  // two-, three-byte characters
+        "\xf0\x9f\x94\x91_key.cer",                  // a four-byte character
+        "\xff\xfe\x80_x.cer",                        // bytes that are no UTF-8
+        "\xc0\xaf_overlong.cer",                     // an overlong '/'
+        "\xed\xa0\x80_surrogate.cer",                // an encoded surrogate
+        "\xe2\x82_cut.cer",                          // a sequence cut short
+    };
+    for (const QByteArray& name : names) {
+        SCOPED_TRACE(name.toHex().toStdString());
+        const QString decoded = FileUtil::decodePath(name);
+        EXPECT_EQ(FileUtil::encodePath(decoded), name);
+        if (QString::fromUtf8(name).toUtf8() == name) {
+            EXPECT_EQ(decoded, QString::fromUtf8(name));
+        }
+    }
+}

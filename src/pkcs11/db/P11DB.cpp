@@ -10,6 +10,7 @@
 
 #include <QFile>
 
+#include "config/fileutil.h"
 #include "config/certificatehandler.h"
 #include "config/folderwatch.h"
 #include "config/fileconfiguration.h"
@@ -140,7 +141,7 @@ CK_RV refreshObjects(P11DB* db)
     static const std::shared_ptr<CertificateHandler> store(CertificateHandler::Instance(&configuration));
 
     std::vector<std::string> folders;
-    for (const QString& folder : store->folders()) folders.push_back(QFile::encodeName(folder).toStdString());
+    for (const QString& folder : store->folders()) folders.push_back(FileUtil::encodePath(folder).toStdString());
     if (db->watch->unchanged(folders)) return CKR_OK;
     // Armed before reading: a change made while the files are read is
     // reported to the next search.
@@ -197,7 +198,7 @@ CK_RV refreshObjects(P11DB* db)
     rv = refresh.prune();
     if (rv != CKR_OK) return rv;
     std::vector<std::string> files;
-    for (const QString& file : store->loadedFiles()) files.push_back(QFile::encodeName(file).toStdString());
+    for (const QString& file : store->loadedFiles()) files.push_back(FileUtil::encodePath(file).toStdString());
     db->watch->addFiles(files);
     db->watch->confirm();
     return CKR_OK;
