@@ -210,7 +210,7 @@ std::vector<ListedObject> parseObjectListing(const std::string& output)
 
 TEST_F(ClientApps, Pkcs11ToolListsTheStoreReadsCertificatesAndSignsWithEachUserKey)
 {
-    if (!installed("pkcs11-tool")) GTEST_SKIP() << "pkcs11-tool is not installed";
+    if (!installed("pkcs11-tool")) GTEST_FAIL() << "pkcs11-tool is not installed" << " (tools/install-deps.sh installs it)";
     const std::string tool = client("pkcs11-tool --module '" KORVO_MODULE_PATH "'");
 
     const std::string listing = succeed(tool + " -O");
@@ -283,7 +283,7 @@ TEST_F(ClientApps, Pkcs11ToolListsTheStoreReadsCertificatesAndSignsWithEachUserK
 
 TEST_F(ClientApps, P11ToolListsAndExportsEveryCertificateOfTheStore)
 {
-    if (!installed("p11tool")) GTEST_SKIP() << "p11tool (gnutls-bin) is not installed";
+    if (!installed("p11tool")) GTEST_FAIL() << "p11tool (gnutls-bin) is not installed" << " (tools/install-deps.sh installs it)";
     const std::string tool = client("p11tool --provider '" KORVO_MODULE_PATH "'");
 
     const std::string listing = succeed(tool + " --list-all-certs");
@@ -323,7 +323,7 @@ TEST_F(ClientApps, P11ToolListsAndExportsEveryCertificateOfTheStore)
 TEST_F(ClientApps, NssTrustsTheRootFindsTheUserKeysAndSignsWithThem)
 {
     for (const char* tool : {"modutil", "certutil", "cmsutil"})
-        if (!installed(tool)) GTEST_SKIP() << tool << " (the NSS tools) is not installed";
+        if (!installed(tool)) GTEST_FAIL() << tool << " (the NSS tools) is not installed (tools/install-deps.sh installs it)";
     const std::string db = "sql:" + work + "/nssdb";
     const std::string nss = " -d " + shellWord(db) + " ";
     ASSERT_EQ(runCommand("mkdir -p " + shellWord(work + "/nssdb")).status, 0);
@@ -404,7 +404,7 @@ TEST_F(ClientApps, OpenSslEngineSignsAndDecryptsWithTheTokenKey)
         quote == std::string::npos ? "" : engine.substr(quote + 1, engine.rfind('"') - quote - 1) + "/pkcs11.so";
     struct stat info {};
     if (engineLibrary.empty() || stat(engineLibrary.c_str(), &info) != 0)
-        GTEST_SKIP() << "the OpenSSL pkcs11 engine is not installed (" << engine << ")";
+        GTEST_FAIL() << "the OpenSSL pkcs11 engine is not installed (" << engine << ")" << " (tools/install-deps.sh installs it)";
 
     // The engine's module comes from a configuration file of our own.
     const std::string config = work + "/engine.cnf";
@@ -459,7 +459,7 @@ TEST_F(ClientApps, PyKcs11SignsAndDecryptsWithEachUserKeyFoundById)
             python = candidate;
             break;
         }
-    if (python.empty()) GTEST_SKIP() << "PyKCS11 is not installed";
+    if (python.empty()) GTEST_FAIL() << "PyKCS11 is not installed" << " (tools/install-deps.sh installs it)";
     const CommandResult result =
         runCommand(client(python + " '" KORVO_TEST_SOURCE_DIR "/abi/pykcs11_sign.py' '" KORVO_MODULE_PATH "'"));
     EXPECT_EQ(result.status, 0) << result.output;

@@ -43,6 +43,22 @@ const Row kRows[] = {
     {"RC4", CKM_RC4, CKK_RC4, 13, Param::None, 1, true},
     {"AES_GCM", CKM_AES_GCM, CKK_AES, 16, Param::Gcm, 1, true},
     {"AES_CCM", CKM_AES_CCM, CKK_AES, 32, Param::Ccm, 1, false},
+    {"MD5_HMAC", CKM_MD5_HMAC, CKK_GENERIC_SECRET, 16, Param::None, 1, true, Kind::Mac},
+    {"SHA_1_HMAC", CKM_SHA_1_HMAC, CKK_GENERIC_SECRET, 20, Param::None, 1, true, Kind::Mac},
+    {"SHA224_HMAC", CKM_SHA224_HMAC, CKK_GENERIC_SECRET, 33, Param::None, 1, true, Kind::Mac},
+    {"SHA256_HMAC", CKM_SHA256_HMAC, CKK_GENERIC_SECRET, 100, Param::None, 1, true, Kind::Mac},
+    {"SHA384_HMAC", CKM_SHA384_HMAC, CKK_GENERIC_SECRET, 48, Param::None, 1, true, Kind::Mac},
+    {"SHA512_HMAC", CKM_SHA512_HMAC, CKK_GENERIC_SECRET, 200, Param::None, 1, true, Kind::Mac},
+    {"RIPEMD160_HMAC", CKM_RIPEMD160_HMAC, CKK_GENERIC_SECRET, 20, Param::None, 1, false, Kind::Mac},
+    {"SHA256_HMAC_GENERAL", CKM_SHA256_HMAC_GENERAL, CKK_GENERIC_SECRET, 32, Param::MacLength, 1, false, Kind::Mac},
+    {"SSL3_MD5_MAC", CKM_SSL3_MD5_MAC, CKK_GENERIC_SECRET, 16, Param::MacLength, 1, true, Kind::Mac},
+    {"SSL3_SHA1_MAC", CKM_SSL3_SHA1_MAC, CKK_GENERIC_SECRET, 20, Param::MacLength, 1, true, Kind::Mac},
+    {"DES_MAC", CKM_DES_MAC, CKK_DES, 8, Param::None, 1, true, Kind::Mac},
+    {"DES3_MAC_GENERAL", CKM_DES3_MAC_GENERAL, CKK_DES3, 24, Param::MacLength, 1, true, Kind::Mac},
+    {"AES_MAC", CKM_AES_MAC, CKK_AES, 16, Param::None, 1, true, Kind::Mac},
+    {"AES_MAC_GENERAL", CKM_AES_MAC_GENERAL, CKK_AES, 32, Param::MacLength, 1, true, Kind::Mac},
+    {"RC2_MAC", CKM_RC2_MAC, CKK_RC2, 16, Param::Rc2Ecb, 1, true, Kind::Mac},
+    {"RC2_MAC_GENERAL", CKM_RC2_MAC_GENERAL, CKK_RC2, 7, Param::Rc2Mac, 1, true, Kind::Mac},
 };
 
 // A row's mechanism for data of a given length, owning its parameter.
@@ -163,7 +179,7 @@ protected:
         ours = {p, session, "Korvo"};
         std::string why;
         havePeer = openSoftokn(&peer, &why);
-        if (!havePeer) std::fprintf(stderr, "[ peer missing: %s ]\n", why.c_str());
+        ASSERT_TRUE(havePeer) << why << " (tools/install-deps.sh installs NSS's software token)";
     }
     void TearDown() override
     {
@@ -233,7 +249,11 @@ TEST_F(MultipartAndPeer, OnePartEqualsRandomPartsAndThePeerAgrees)
                     EXPECT_EQ(back, data);
                 }
             }
-            if (peerKey == CK_INVALID_HANDLE) continue;
+            // NSS's software token gives no consistent CBC-MAC of no data
+            // (zeros for DES, other values for the others); Cryptoki leaves
+            // it open, and this token answers with the zero IV.
+            const bool cbcMac = row.kind == Kind::Mac && row.keyType != CKK_GENERIC_SECRET;
+            if (peerKey == CK_INVALID_HANDLE || (cbcMac && length == 0)) continue;
             Bytes theirs;
             const CK_RV rv = row.kind == Kind::Mac ? sign(peer, m.peer, peerKey, data, &theirs)
                                                    : peerEncrypt(m.peer, peerKey, data, &theirs);

@@ -17,7 +17,7 @@ protected:
     void SetUp() override
     {
         const korvo::CommandResult which = korvo::runCommand("command -v pkcs11-tool");
-        if (which.status != 0) GTEST_SKIP() << "pkcs11-tool is not installed";
+        if (which.status != 0) GTEST_FAIL() << "pkcs11-tool is not installed" << " (tools/install-deps.sh installs it)";
         if (!korvo::clientsCanLoadModule()) GTEST_SKIP() << "no shared sanitizer runtime to hand to pkcs11-tool";
         tool = korvo::sanitizerPreload() + "pkcs11-tool --module '" KORVO_MODULE_PATH "'";
     }

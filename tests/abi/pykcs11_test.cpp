@@ -17,7 +17,7 @@ TEST(PyKcs11, CreatesFindsAndReadsCertificateAndDataSessionObjects)
             python = candidate;
             break;
         }
-    if (python.empty()) GTEST_SKIP() << "PyKCS11 is not installed";
+    if (python.empty()) GTEST_FAIL() << "PyKCS11 is not installed" << " (tools/install-deps.sh installs it)";
     if (!korvo::clientsCanLoadModule()) GTEST_SKIP() << "no shared sanitizer runtime to hand to the interpreter";
     const korvo::CommandResult result = korvo::runCommand(korvo::sanitizerPreload() + python + " '" KORVO_TEST_SOURCE_DIR "/abi/pykcs11_objects.py' '" +
                               KORVO_MODULE_PATH "'");

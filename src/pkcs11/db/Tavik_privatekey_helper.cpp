@@ -98,6 +98,27 @@ bool runThroughShell(const std::string& command, std::string* output, bool* over
 
 }  // namespace
 
+bool Tavik_parseHelperOutput(const std::string& output, ByteArray* result)
+{
+    // The first run of "00" and the hexadecimal digits after it, in the
+    // upper-cased output (the copy is wiped before it goes).
+    std::string upper;
+    upper.reserve(output.size());
+    upper = output;
+    for (char& c : upper)
+        if (c >= 'a' && c <= 'z') c = char(c - 'a' + 'A');
+    const size_t start = upper.find("00");
+    bool found = start != std::string::npos;
+    if (found) {
+        size_t end = start + 2;
+        while (end < upper.size() && ((upper[end] >= '0' && upper[end] <= '9') || (upper[end] >= 'A' && upper[end] <= 'F')))
+            ++end;
+        *result = ByteArray::fromHex(std::string_view(upper).substr(start + 2, end - start - 2));
+    }
+    OPENSSL_cleanse(upper.data(), upper.size());
+    return found;
+}
+
 std::string Tavik_userNameHex(const wchar_t* userName)
 {
     static const char digits[] = "0123456789ABCDEF";
@@ -241,25 +262,12 @@ CK_RV helperResult(const ByteArray_constSlice& digest, const std::string& userHe
     }
     fileLogger->Trace(__LINE__, "Closed KorvoPerformRsa pipe");
     // Output beyond the limit holds no answer the module would take.
-    // The result is the first run of "00" and the hexadecimal digits after
-    // it in the upper-cased output; output beyond the limit holds no answer
-    // the module would take.
-    if (!overflowed) {
-        upper.reserve(raw.size());
-        upper = raw;
-    }
-    for (char& c : upper)
-        if (c >= 'a' && c <= 'z') c = char(c - 'a' + 'A');
-    const size_t start = upper.find("00");
-    if (start == std::string::npos) {
+    if (overflowed || !Tavik_parseHelperOutput(raw, &result)) {
+        if (!overflowed) upper = raw;
         fileLogger->Error(__LINE__, QString("KorvoPerformRsa returned an error. hexOutput = ") +
                                         QString::fromLatin1(upper.data(), int(upper.size())));
         return CKR_FUNCTION_CANCELED;
     }
-    size_t end = start + 2;
-    while (end < upper.size() && ((upper[end] >= '0' && upper[end] <= '9') || (upper[end] >= 'A' && upper[end] <= 'F')))
-        ++end;
-    result = ByteArray::fromHex(std::string_view(upper).substr(start + 2, end - start - 2));
     cache.Insert(digest, input, result);
     fileLogger->Trace(__LINE__, "KorvoPerformRsa output inserted into cache successfully");
     return CKR_OK;

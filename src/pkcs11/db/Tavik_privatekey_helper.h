@@ -52,6 +52,11 @@ CK_RV Tavik_RSA_decrypt(P11Session* session, P11Obj* key, unsigned char* in, uns
 // bytes, high byte first, in upper-case hex; "''" for a null or empty name.
 std::string Tavik_userNameHex(const wchar_t* userName);
 
+// The result in a helper's output: the bytes of the first "00" followed by
+// hexadecimal digits (either case), without the "00". False when the output
+// has none.
+bool Tavik_parseHelperOutput(const std::string& output, ByteArray* result);
+
 // The last successful helper result, keyed by certificate digest and input.
 // One process-wide entry; it has its own lock, held only while the entry is
 // read or written, never while the helper runs.

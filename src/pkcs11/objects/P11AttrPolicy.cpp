@@ -567,8 +567,31 @@ CK_RV CheckTemplate(P11Obj* existing, CK_ATTRIBUTE_PTR attributes, CK_ULONG coun
     return CheckObject(scratch.get(), kind, keyType, operation);
 }
 
+// A key whose type the template chooses (PBKDF2 makes any secret key): a
+// type the template names must be a secret-key type; without one it is a
+// generic secret.
+CK_RV checkTemplateOfChosenType(CK_ATTRIBUTE_PTR attributes, CK_ULONG count)
+{
+    ScratchObject scratch;
+    CK_RV rv = scratch.build(attributes, count);
+    if (rv != CKR_OK) return rv;
+    CK_KEY_TYPE keyType = CKK_GENERIC_SECRET;
+    const CK_ATTRIBUTE* given = nullptr;
+    rv = P11Obj_peekAttribute(scratch.get(), CKA_KEY_TYPE, &given);
+    if (rv != CKR_OK) return rv;
+    if (given) {
+        rv = readUlong(scratch.get(), CKA_KEY_TYPE, &keyType);
+        if (rv != CKR_OK) return rv == CKR_TEMPLATE_INCOMPLETE ? CKR_ATTRIBUTE_VALUE_INVALID : rv;
+    }
+    uint64_t kind = 0;
+    rv = kindOf(CKO_SECRET_KEY, keyType, &kind);
+    if (rv != CKR_OK) return CKR_TEMPLATE_INCONSISTENT;
+    return CheckObject(scratch.get(), kind, keyType, P11_TEMPLATE_GENERATE);
+}
+
 CK_RV CheckTemplateGenerate(CK_ATTRIBUTE_PTR attributes, CK_ULONG count, CK_MECHANISM_PTR mechanism)
 {
+    if (mechanism && mechanism->mechanism == CKM_PKCS5_PBKD2) return checkTemplateOfChosenType(attributes, count);
     const MechanismKinds* made = nullptr;
     const CK_RV rv = findMechanism(mechanism, false, &made);
     if (rv != CKR_OK) return rv;

@@ -4,6 +4,7 @@
 #include "pkcs11/sw/P11Sw_dh.h"
 #include "pkcs11/sw/P11Sw_cipher.h"
 #include "pkcs11/sw/P11Sw_dsa.h"
+#include "pkcs11/sw/P11Sw_mac.h"
 #include "pkcs11/sw/P11Sw_rsa.h"
 #include "pkcs11/sw/P11Sw_secret.h"
 
@@ -12,6 +13,8 @@ namespace {
 constexpr uint64_t kFixedSecret = P11_KIND_FIXED_SECRET;
 constexpr uint64_t kVariableSecret = P11_KIND_VARIABLE_SECRET;
 constexpr uint32_t kCipherUses = P11_USE_ENCRYPT | P11_USE_DECRYPT | P11_USE_WRAP | P11_USE_UNWRAP;
+constexpr uint64_t kAnySecret = P11_KIND_FIXED_SECRET | P11_KIND_VARIABLE_SECRET;
+constexpr uint32_t kMacUses = P11_USE_SIGN | P11_USE_VERIFY;
 constexpr uint64_t kDsaKeys = P11_KIND_DSA_PUBLIC | P11_KIND_DSA_PRIVATE;
 constexpr uint64_t kRsaKeys = P11_KIND_RSA_PUBLIC | P11_KIND_RSA_PRIVATE;
 constexpr uint32_t kRsaCipher = P11_USE_ENCRYPT | P11_USE_DECRYPT | P11_USE_WRAP | P11_USE_UNWRAP;
@@ -60,6 +63,32 @@ const P11Mechanism kRegistry[] = {
     {CKM_RC4, kVariableSecret, kCipherUses, P11SwCipher_init, nullptr, nullptr, nullptr},
     {CKM_AES_GCM, kVariableSecret, kCipherUses, P11SwAead_init, nullptr, nullptr, nullptr},
     {CKM_AES_CCM, kVariableSecret, kCipherUses, P11SwAead_init, nullptr, nullptr, nullptr},
+    // MACs
+    {CKM_MD5_HMAC, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_MD5_HMAC_GENERAL, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_SHA_1_HMAC, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_SHA_1_HMAC_GENERAL, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_SHA224_HMAC, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_SHA224_HMAC_GENERAL, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_SHA256_HMAC, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_SHA256_HMAC_GENERAL, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_SHA384_HMAC, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_SHA384_HMAC_GENERAL, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_SHA512_HMAC, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_SHA512_HMAC_GENERAL, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_RIPEMD160_HMAC, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_RIPEMD160_HMAC_GENERAL, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_SSL3_MD5_MAC, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_SSL3_SHA1_MAC, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_DES_MAC, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_DES_MAC_GENERAL, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_DES3_MAC, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_DES3_MAC_GENERAL, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_AES_MAC, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_AES_MAC_GENERAL, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_RC2_MAC, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_RC2_MAC_GENERAL, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
+    {CKM_PKCS5_PBKD2, 0, P11_USE_GENERATE, nullptr, P11SwPbkdf2_generate, nullptr, nullptr},
     // DSA
     {CKM_DSA_PARAMETER_GEN, 0, P11_USE_GENERATE, nullptr, P11SwDsa_generateParameters, nullptr, nullptr},
     {CKM_DSA_KEY_PAIR_GEN, 0, P11_USE_GENERATE_PAIR, nullptr, nullptr, P11SwDsa_generatePair, nullptr},

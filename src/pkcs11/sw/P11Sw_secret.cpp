@@ -38,8 +38,9 @@ const CK_BYTE kWeakDesKeys[][8] = {
     {0xE0, 0xFE, 0xE0, 0xFE, 0xF1, 0xFE, 0xF1, 0xFE}, {0xFE, 0xE0, 0xFE, 0xE0, 0xFE, 0xF1, 0xFE, 0xF1},
 };
 
-// Sets each byte's lowest bit so that the byte has an odd number of ones.
-void setOddParity(CK_BYTE* bytes, size_t length)
+}  // namespace
+
+void P11SwSecret_setOddParity(CK_BYTE* bytes, size_t length)
 {
     for (size_t i = 0; i < length; ++i) {
         CK_BYTE b = bytes[i] & 0xFE;
@@ -48,6 +49,8 @@ void setOddParity(CK_BYTE* bytes, size_t length)
         bytes[i] = CK_BYTE(b | (ones % 2 == 0 ? 1 : 0));
     }
 }
+
+namespace {
 
 bool hasWeakPart(const CK_BYTE* bytes, size_t length)
 {
@@ -80,7 +83,7 @@ CK_RV P11SwSecret_generate(const P11Mechanism& row, P11Obj* key, P11Session* ses
     do {
         const CK_RV rv = P11Session_generateRandom(session, value.data(), length);
         if (rv != CKR_OK) return rv;
-        if (des) setOddParity(value.data(), value.size());
+        if (des) P11SwSecret_setOddParity(value.data(), value.size());
     } while (des && hasWeakPart(value.data(), value.size()));
     CK_RV rv = P11SwKeys_setHead(key, CKO_SECRET_KEY, kind->keyType, mechanism->mechanism);
     if (rv == CKR_OK) rv = P11SwKeys_setNumber(key, CKA_VALUE, value);
