@@ -7,6 +7,7 @@
 #include "pkcs11/sw/P11Sw_mac.h"
 #include "pkcs11/sw/P11Sw_rsa.h"
 #include "pkcs11/sw/P11Sw_secret.h"
+#include "pkcs11/sw/P11Sw_tls.h"
 
 namespace {
 
@@ -89,6 +90,16 @@ const P11Mechanism kRegistry[] = {
     {CKM_RC2_MAC, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
     {CKM_RC2_MAC_GENERAL, kAnySecret, kMacUses, P11SwMac_init, nullptr, nullptr, nullptr},
     {CKM_PKCS5_PBKD2, 0, P11_USE_GENERATE, nullptr, P11SwPbkdf2_generate, nullptr, nullptr},
+    // SSL 3.0 and TLS 1.0
+    {CKM_SSL3_PRE_MASTER_KEY_GEN, 0, P11_USE_GENERATE, nullptr, P11SwTls_generatePreMaster, nullptr, nullptr},
+    {CKM_TLS_PRE_MASTER_KEY_GEN, 0, P11_USE_GENERATE, nullptr, P11SwTls_generatePreMaster, nullptr, nullptr},
+    {CKM_SSL3_MASTER_KEY_DERIVE, kVariableSecret, P11_USE_DERIVE, nullptr, nullptr, nullptr, P11SwTls_deriveMaster},
+    {CKM_SSL3_MASTER_KEY_DERIVE_DH, kVariableSecret, P11_USE_DERIVE, nullptr, nullptr, nullptr, P11SwTls_deriveMaster},
+    {CKM_TLS_MASTER_KEY_DERIVE, kVariableSecret, P11_USE_DERIVE, nullptr, nullptr, nullptr, P11SwTls_deriveMaster},
+    {CKM_TLS_MASTER_KEY_DERIVE_DH, kVariableSecret, P11_USE_DERIVE, nullptr, nullptr, nullptr, P11SwTls_deriveMaster},
+    {CKM_SSL3_KEY_AND_MAC_DERIVE, kVariableSecret, P11_USE_DERIVE, nullptr, nullptr, nullptr, P11SwTls_deriveKeys},
+    {CKM_TLS_KEY_AND_MAC_DERIVE, kVariableSecret, P11_USE_DERIVE, nullptr, nullptr, nullptr, P11SwTls_deriveKeys},
+    {CKM_TLS_PRF, kVariableSecret, P11_USE_DERIVE, nullptr, nullptr, nullptr, P11SwTls_prf},
     // DSA
     {CKM_DSA_PARAMETER_GEN, 0, P11_USE_GENERATE, nullptr, P11SwDsa_generateParameters, nullptr, nullptr},
     {CKM_DSA_KEY_PAIR_GEN, 0, P11_USE_GENERATE_PAIR, nullptr, nullptr, P11SwDsa_generatePair, nullptr},
