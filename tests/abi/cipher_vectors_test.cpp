@@ -242,5 +242,44 @@ TEST_F(CipherVectors, WrongParametersKeysAndLengthsGetTheirCodes)
     EXPECT_EQ(once(false, m.get(), aes, Bytes(15, 0), &out), CKR_ENCRYPTED_DATA_LEN_RANGE);
 }
 
+// Lengths that cannot be whole blocks, padding that is wrong, and a padded
+// decryption into a buffer too small for it, for each block size.
+TEST_F(CipherVectors, BlockLengthsAndPaddingGetTheirCodes)
+{
+    struct Case {
+        CK_MECHANISM_TYPE plain, padded;
+        CK_KEY_TYPE keyType;
+        size_t keyLength, block;
+    };
+    const Case cases[] = {{CKM_DES3_CBC, CKM_DES3_CBC_PAD, CKK_DES3, 24, 8}, {CKM_AES_CBC, CKM_AES_CBC_PAD, CKK_AES, 16, 16}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.block);
+        const CK_OBJECT_HANDLE k = key(c.keyType, Bytes(c.keyLength, 0x2C));
+        Bytes iv(c.block, 0x11);
+        CK_MECHANISM plain{c.plain, iv.data(), CK_ULONG(c.block)}, padded{c.padded, iv.data(), CK_ULONG(c.block)};
+        Bytes out;
+        const Bytes odd(c.block + 3, 0x44);
+        EXPECT_EQ(once(true, &plain, k, odd, &out), CKR_DATA_LEN_RANGE);
+        EXPECT_EQ(once(false, &plain, k, odd, &out), CKR_ENCRYPTED_DATA_LEN_RANGE);
+        EXPECT_EQ(once(false, &padded, k, odd, &out), CKR_ENCRYPTED_DATA_LEN_RANGE);
+        // A last block whose padding byte says more than a block.
+        Bytes badPadding;
+        ASSERT_EQ(once(true, &plain, k, Bytes(c.block, CK_BYTE(c.block + 1)), &badPadding), CKR_OK);
+        EXPECT_EQ(once(false, &padded, k, badPadding, &out), CKR_ENCRYPTED_DATA_INVALID);
+        // Too small a buffer keeps the operation; the retry gives the plaintext.
+        const Bytes message(3 * c.block - 2, 0x6E);
+        Bytes sealed;
+        ASSERT_EQ(once(true, &padded, k, message, &sealed), CKR_OK);
+        ASSERT_EQ(p->C_DecryptInit(session, &padded, k), CKR_OK);
+        Bytes back(sealed.size());
+        CK_ULONG length = 1;
+        ASSERT_EQ(p->C_Decrypt(session, sealed.data(), CK_ULONG(sealed.size()), back.data(), &length), CKR_BUFFER_TOO_SMALL);
+        EXPECT_EQ(length, message.size());
+        ASSERT_EQ(p->C_Decrypt(session, sealed.data(), CK_ULONG(sealed.size()), back.data(), &length), CKR_OK);
+        back.resize(length);
+        EXPECT_EQ(back, message);
+    }
+}
+
 }  // namespace
 }  // namespace korvo

@@ -1,8 +1,9 @@
 // Every cipher and MAC of the software token in one table: the same data
 // in one part and in parts cut at random points gives the same result
-// (decryption and verification too), and NSS's software token, run through
-// the same C ABI with the same key, gives it as well where it has the
-// mechanism.
+// (decryption and verification too), each call's output exactly as long as
+// its size query said, and NSS's software token, run through the same C ABI
+// with the same key, gives it as well where it has the mechanism; a secret
+// key wrapped under each cipher comes back, wrapped as the peer wraps it.
 
 #include <gtest/gtest.h>
 
@@ -187,6 +188,41 @@ protected:
         ObjectTest::TearDown();
     }
 
+    // A 16-byte secret wrapped under the row's mechanism comes back
+    // unwrapped, and the peer wraps it to the same bytes.
+    void wrapsLikeThePeer(const Row& row, CK_OBJECT_HANDLE k, CK_OBJECT_HANDLE peerKey)
+    {
+        Mechanism m(row, 16);
+        const Bytes secretValue = pattern(16);
+        Tmpl t;
+        t.ulong(CKA_CLASS, CKO_SECRET_KEY).ulong(CKA_KEY_TYPE, CKK_GENERIC_SECRET).flag(CKA_TOKEN, false);
+        t.flag(CKA_EXTRACTABLE, true).flag(CKA_SENSITIVE, false).add(CKA_VALUE, secretValue);
+        CK_OBJECT_HANDLE payload = CK_INVALID_HANDLE;
+        ASSERT_EQ(createObject(ours, t, &payload), CKR_OK);
+        Bytes wrapped;
+        ASSERT_EQ(wrapKey(ours, m.m, k, payload, &wrapped), CKR_OK);
+        Tmpl back;
+        back.ulong(CKA_CLASS, CKO_SECRET_KEY).ulong(CKA_KEY_TYPE, CKK_GENERIC_SECRET).ulong(CKA_VALUE_LEN, 16);
+        back.flag(CKA_SENSITIVE, false);
+        CK_OBJECT_HANDLE unwrapped = CK_INVALID_HANDLE;
+        ASSERT_EQ(unwrapKey(ours, m.m, k, wrapped, back, &unwrapped), CKR_OK);
+        EXPECT_EQ(value(unwrapped, CKA_VALUE), secretValue);
+        // The peer does not wrap with AES-GCM.
+        if (peerKey == CK_INVALID_HANDLE || row.type == CKM_AES_GCM) return;
+        CK_OBJECT_HANDLE peerPayload = CK_INVALID_HANDLE;
+        ASSERT_EQ(createObject(peer, t, &peerPayload), CKR_OK);
+        Bytes theirs;
+        ASSERT_EQ(wrapKey(peer, m.peer, peerKey, peerPayload, &theirs), CKR_OK);
+        EXPECT_EQ(theirs, wrapped) << "peer";
+    }
+
+    static Bytes pattern(size_t n)
+    {
+        Bytes out(n);
+        for (size_t i = 0; i < n; ++i) out[i] = CK_BYTE(0x5A ^ (i * 29));
+        return out;
+    }
+
     // One call with room to spare: the peer's size query for AES-GCM
     // announces less than its C_Encrypt then wants.
     CK_RV peerEncrypt(CK_MECHANISM m, CK_OBJECT_HANDLE key, const Bytes& in, Bytes* out)
@@ -249,6 +285,7 @@ TEST_F(MultipartAndPeer, OnePartEqualsRandomPartsAndThePeerAgrees)
                     EXPECT_EQ(back, data);
                 }
             }
+            if (row.kind == Kind::Cipher && length == 0) wrapsLikeThePeer(row, k, peerKey);
             // NSS's software token gives no consistent CBC-MAC of no data
             // (zeros for DES, other values for the others); Cryptoki leaves
             // it open, and this token answers with the zero IV.
