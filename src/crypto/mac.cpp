@@ -97,11 +97,8 @@ int pbkdf2_derive(int hashId, const unsigned char* password, size_t passwordLen,
     if ((passwordLen && !password) || (saltLen && !salt) || !out || !outLen || iterations < 1)
         return CRYPTO_ERR_BAD_PARAMETER;
     OsslErrorGuard guard;
-    OSSL_LIB_CTX* libctx = crypto_libctx();
-    EVP_KDF* kdf = libctx ? EVP_KDF_fetch(libctx, "PBKDF2", nullptr) : nullptr;
-    EVP_KDF_CTX* ctx = kdf ? EVP_KDF_CTX_new(kdf) : nullptr;
-    EVP_KDF_free(kdf);
-    if (!ctx) return kdf ? CRYPTO_ERR_NO_MEMORY : CRYPTO_ERR_UNSUPPORTED;
+    EVP_KDF_CTX* ctx = crypto_kdf("PBKDF2");
+    if (!ctx) return CRYPTO_ERR_UNSUPPORTED;
     uint64_t rounds = iterations;
     int pkcs5 = 1;  // no lower bounds on the salt, key length and iterations beyond PKCS #5's own
     OSSL_PARAM params[] = {

@@ -4,6 +4,7 @@
 
 #include <openssl/err.h>
 #include <openssl/evp.h>
+#include <openssl/kdf.h>
 #include <openssl/provider.h>
 
 #include <atomic>
@@ -110,6 +111,15 @@ const EVP_MD* crypto_md(const char* name)
 EVP_RAND* crypto_ctr_drbg()
 {
     return context().ctrDrbg;
+}
+
+EVP_KDF_CTX* crypto_kdf(const char* name)
+{
+    OSSL_LIB_CTX* libctx = crypto_libctx();
+    EVP_KDF* kdf = libctx ? EVP_KDF_fetch(libctx, name, nullptr) : nullptr;
+    EVP_KDF_CTX* ctx = kdf ? EVP_KDF_CTX_new(kdf) : nullptr;
+    EVP_KDF_free(kdf);
+    return ctx;
 }
 
 void crypto_release_context()

@@ -27,6 +27,11 @@ void crypto_release_context();
 // digest the providers lack, gives null. The caller must not free the result.
 const EVP_MD* crypto_md(const char* name);
 
+// A new context of the named key-derivation function ("PBKDF2",
+// "TLS1-PRF", ...) of the module's context, for the caller to free; null
+// when the function is missing or memory is short.
+EVP_KDF_CTX* crypto_kdf(const char* name);
+
 // libcrypto's CTR-DRBG of the module's context, fetched once; null if
 // unavailable. The caller must not free the result.
 EVP_RAND* crypto_ctr_drbg();

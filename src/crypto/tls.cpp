@@ -15,11 +15,8 @@ int tls_prf(const unsigned char* secret, size_t secretLen, const unsigned char* 
     if ((secretLen && !secret) || (labelLen && !label) || (seedLen && !seed) || !out || !outLen)
         return CRYPTO_ERR_BAD_PARAMETER;
     OsslErrorGuard guard;
-    OSSL_LIB_CTX* libctx = crypto_libctx();
-    EVP_KDF* kdf = libctx ? EVP_KDF_fetch(libctx, "TLS1-PRF", nullptr) : nullptr;
-    EVP_KDF_CTX* ctx = kdf ? EVP_KDF_CTX_new(kdf) : nullptr;
-    EVP_KDF_free(kdf);
-    if (!ctx) return kdf ? CRYPTO_ERR_NO_MEMORY : CRYPTO_ERR_UNSUPPORTED;
+    EVP_KDF_CTX* ctx = crypto_kdf("TLS1-PRF");
+    if (!ctx) return CRYPTO_ERR_UNSUPPORTED;
     // The label is the first part of the seed.
     crypto_bytes labelAndSeed(label, label + labelLen);
     labelAndSeed.insert(labelAndSeed.end(), seed, seed + seedLen);

@@ -14,16 +14,6 @@ namespace {
 
 class BadArguments : public ObjectTest {
 protected:
-    // Every object the session can see.
-    size_t objectCount()
-    {
-        EXPECT_EQ(p->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
-        CK_OBJECT_HANDLE found[256];
-        CK_ULONG count = 0;
-        EXPECT_EQ(p->C_FindObjects(session, found, 256, &count), CKR_OK);
-        EXPECT_EQ(p->C_FindObjectsFinal(session), CKR_OK);
-        return count;
-    }
 };
 
 TEST_F(BadArguments, MissingPointersAreRefusedAndMakeNothing)
@@ -98,12 +88,12 @@ TEST_F(BadArguments, MissingPointersAreRefusedAndMakeNothing)
         {"C_UnwrapKey of bytes that are not there",
          [&] { return p->C_UnwrapKey(session, &ecb, key, nullptr, 16, secret.data(), 2, &other); }, CKR_ARGUMENTS_BAD},
     };
-    const size_t before = objectCount();
+    const size_t before = find().size();
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         EXPECT_EQ(c.call(), c.expected);
     }
-    EXPECT_EQ(objectCount(), before);
+    EXPECT_EQ(find().size(), before);
 }
 
 // Signing: bytes missing behind a length end the operation with

@@ -56,13 +56,6 @@ void aead(Mechanism* out, CK_MECHANISM_TYPE type, Bytes nonce, Bytes aad, size_t
 
 class CipherVectors : public ObjectTest {
 protected:
-    CK_OBJECT_HANDLE key(CK_KEY_TYPE type, const Bytes& value)
-    {
-        Tmpl t;
-        t.ulong(CKA_CLASS, CKO_SECRET_KEY).ulong(CKA_KEY_TYPE, type).add(CKA_VALUE, value);
-        return make(t);
-    }
-
     // C_Encrypt or C_Decrypt after a size query; the code of the failing call.
     CK_RV once(bool encrypt, CK_MECHANISM* m, CK_OBJECT_HANDLE k, const Bytes& in, Bytes* out)
     {
@@ -100,7 +93,7 @@ TEST_F(CipherVectors, BlockAndStreamCiphersGivePublishedAnswers)
             m.m.pParameter = m.iv.data();
             m.m.ulParameterLen = CK_ULONG(m.iv.size());
         }
-        const CK_OBJECT_HANDLE k = key(f.keyType, vectors::hex(c[1]));
+        const CK_OBJECT_HANDLE k = secretOf(f.keyType, vectors::hex(c[1]));
         Bytes out;
         ASSERT_EQ(once(true, m.get(), k, vectors::hex(c[3]), &out), CKR_OK);
         EXPECT_EQ(out, vectors::hex(c[4]));
@@ -121,7 +114,7 @@ TEST_F(CipherVectors, GcmAndCcmGivePublishedAnswersAndRefuseAWrongTag)
         sealed.insert(sealed.end(), tag.begin(), tag.end());
         Mechanism m;
         aead(&m, f.mechanism, vectors::hex(c[2]), vectors::hex(c[3]), tag.size(), plain.size());
-        const CK_OBJECT_HANDLE k = key(CKK_AES, vectors::hex(c[1]));
+        const CK_OBJECT_HANDLE k = secretOf(CKK_AES, vectors::hex(c[1]));
         Bytes out;
         ASSERT_EQ(once(true, m.get(), k, plain, &out), CKR_OK);
         EXPECT_EQ(out, sealed);
@@ -158,10 +151,10 @@ TEST_F(CipherVectors, GcmAndCcmGivePublishedAnswersAndRefuseAWrongTag)
 
 TEST_F(CipherVectors, WrongParametersKeysAndLengthsGetTheirCodes)
 {
-    const CK_OBJECT_HANDLE aes = key(CKK_AES, Bytes(16, 0x11));
-    const CK_OBJECT_HANDLE des = key(CKK_DES, Bytes(8, 0x01));
-    const CK_OBJECT_HANDLE rc2 = key(CKK_RC2, Bytes(5, 0x22));
-    const CK_OBJECT_HANDLE rc4 = key(CKK_RC4, Bytes(5, 0x44));
+    const CK_OBJECT_HANDLE aes = secretOf(CKK_AES, Bytes(16, 0x11));
+    const CK_OBJECT_HANDLE des = secretOf(CKK_DES, Bytes(8, 0x01));
+    const CK_OBJECT_HANDLE rc2 = secretOf(CKK_RC2, Bytes(5, 0x22));
+    const CK_OBJECT_HANDLE rc4 = secretOf(CKK_RC4, Bytes(5, 0x44));
     const Bytes nonce12(12, 0x33);
     struct Case {
         const char* name;
@@ -254,7 +247,7 @@ TEST_F(CipherVectors, BlockLengthsAndPaddingGetTheirCodes)
     const Case cases[] = {{CKM_DES3_CBC, CKM_DES3_CBC_PAD, CKK_DES3, 24, 8}, {CKM_AES_CBC, CKM_AES_CBC_PAD, CKK_AES, 16, 16}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.block);
-        const CK_OBJECT_HANDLE k = key(c.keyType, Bytes(c.keyLength, 0x2C));
+        const CK_OBJECT_HANDLE k = secretOf(c.keyType, Bytes(c.keyLength, 0x2C));
         Bytes iv(c.block, 0x11);
         CK_MECHANISM plain{c.plain, iv.data(), CK_ULONG(c.block)}, padded{c.padded, iv.data(), CK_ULONG(c.block)};
         Bytes out;

@@ -24,13 +24,6 @@ const std::map<std::string, size_t> kHashLengths = {{"MD5", 16},    {"SHA1", 20}
 
 class Macs : public ObjectTest {
 protected:
-    CK_OBJECT_HANDLE key(CK_KEY_TYPE type, const Bytes& value)
-    {
-        Tmpl t;
-        t.ulong(CKA_CLASS, CKO_SECRET_KEY).ulong(CKA_KEY_TYPE, type).add(CKA_VALUE, value);
-        return make(t);
-    }
-
     CK_RV signOnce(CK_MECHANISM* m, CK_OBJECT_HANDLE k, const Bytes& data, Bytes* mac)
     {
         CK_RV rv = p->C_SignInit(session, m, k);
@@ -59,7 +52,7 @@ TEST_F(Macs, HmacsGivePublishedAnswers)
         SCOPED_TRACE(c[0] + " " + c[3]);
         const auto mechanisms = kHmacs.at(c[0]);
         const Bytes data = vectors::hex(c[2]), expected = vectors::hex(c[3]);
-        const CK_OBJECT_HANDLE k = key(CKK_GENERIC_SECRET, vectors::hex(c[1]));
+        const CK_OBJECT_HANDLE k = secretOf(CKK_GENERIC_SECRET, vectors::hex(c[1]));
         CK_MAC_GENERAL_PARAMS length = expected.size();
         CK_MECHANISM general{mechanisms.second, &length, sizeof length};
         CK_MECHANISM full{mechanisms.first, nullptr, 0};
@@ -109,8 +102,8 @@ TEST_F(Macs, Pbkdf2GivesPublishedAnswers)
 
 TEST_F(Macs, WrongKeysParametersLengthsAndMacsGetTheirCodes)
 {
-    const CK_OBJECT_HANDLE aes = key(CKK_AES, Bytes(16, 1));
-    const CK_OBJECT_HANDLE generic = key(CKK_GENERIC_SECRET, Bytes(20, 2));
+    const CK_OBJECT_HANDLE aes = secretOf(CKK_AES, Bytes(16, 1));
+    const CK_OBJECT_HANDLE generic = secretOf(CKK_GENERIC_SECRET, Bytes(20, 2));
     CK_MAC_GENERAL_PARAMS zero = 0, tooLong = 33, eight = 8;
     CK_MECHANISM desMac{CKM_DES_MAC, nullptr, 0};
     CK_MECHANISM hmacZero{CKM_SHA256_HMAC_GENERAL, &zero, sizeof zero};

@@ -98,6 +98,13 @@ protected:
         EXPECT_EQ(p->C_CreateObject(in ? in : session, t.data(), t.size(), &object), CKR_OK);
         return object;
     }
+    // A session secret key of the type with the value.
+    CK_OBJECT_HANDLE secretOf(CK_KEY_TYPE type, const Bytes& keyValue)
+    {
+        Tmpl t;
+        t.ulong(CKA_CLASS, CKO_SECRET_KEY).ulong(CKA_KEY_TYPE, type).add(CKA_VALUE, keyValue);
+        return make(t);
+    }
     CK_RV set(CK_OBJECT_HANDLE object, Tmpl t) { return p->C_SetAttributeValue(session, object, t.data(), t.size()); }
     CK_RV get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type)
     {

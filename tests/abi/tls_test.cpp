@@ -61,15 +61,6 @@ protected:
         return v;
     }
 
-    size_t sessionObjects()
-    {
-        EXPECT_EQ(p->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
-        CK_OBJECT_HANDLE found[256];
-        CK_ULONG count = 0;
-        EXPECT_EQ(p->C_FindObjects(session, found, 256, &count), CKR_OK);
-        EXPECT_EQ(p->C_FindObjectsFinal(session), CKR_OK);
-        return count;
-    }
 };
 
 TEST_F(Tls, PrfGivesThePublishedAnswer)
@@ -86,10 +77,10 @@ TEST_F(Tls, PrfGivesThePublishedAnswer)
         CK_MECHANISM m{CKM_TLS_PRF, &params, sizeof params};
         const CK_OBJECT_HANDLE base = secret(ours, vectors::hex(c[0]));
         Tmpl t = readable();
-        const size_t before = sessionObjects();
+        const size_t before = find().size();
         ASSERT_EQ(p->C_DeriveKey(session, &m, base, t.data(), t.size(), nullptr), CKR_OK);
         EXPECT_EQ(output, expected);
-        EXPECT_EQ(sessionObjects(), before);
+        EXPECT_EQ(find().size(), before);
     }
 }
 
@@ -211,7 +202,7 @@ TEST_F(Tls, WrongParametersGetTheirCodesAndLeaveNoKeys)
         {"a pre-master of 47 bytes", {CKM_SSL3_MASTER_KEY_DERIVE, &withVersion, sizeof withVersion}, short47,
          CKR_KEY_SIZE_RANGE},
     };
-    const size_t before = sessionObjects();
+    const size_t before = find().size();
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         Tmpl t = readable();
@@ -219,12 +210,12 @@ TEST_F(Tls, WrongParametersGetTheirCodesAndLeaveNoKeys)
         CK_OBJECT_HANDLE made = CK_INVALID_HANDLE;
         EXPECT_EQ(p->C_DeriveKey(session, &m, c.base, t.data(), t.size(), &made), c.rv);
     }
-    EXPECT_EQ(sessionObjects(), before);
+    EXPECT_EQ(find().size(), before);
     // A caller that asks for no handle gets the four keys and nothing more.
     CK_MECHANISM m{CKM_TLS_KEY_AND_MAC_DERIVE, &good, sizeof good};
     Tmpl t = readable();
     ASSERT_EQ(p->C_DeriveKey(session, &m, master, t.data(), t.size(), nullptr), CKR_OK);
-    EXPECT_EQ(sessionObjects(), before + 4);
+    EXPECT_EQ(find().size(), before + 4);
 }
 
 }  // namespace

@@ -569,24 +569,30 @@ CK_RV CheckTemplate(P11Obj* existing, CK_ATTRIBUTE_PTR attributes, CK_ULONG coun
     return CheckObject(scratch.get(), kind, keyType, operation);
 }
 
-// A key whose type the template chooses (PBKDF2 makes any secret key): a
-// type the template names must be a secret-key type; without one it is a
-// generic secret.
+// The secret-key type a template names (a generic secret when it names
+// none) and its kind; a type that is no secret-key type is refused.
+CK_RV templateSecretType(P11Obj* scratch, CK_KEY_TYPE* keyType, uint64_t* kind)
+{
+    *keyType = CKK_GENERIC_SECRET;
+    const CK_ATTRIBUTE* given = nullptr;
+    CK_RV rv = P11Obj_peekAttribute(scratch, CKA_KEY_TYPE, &given);
+    if (rv != CKR_OK) return rv;
+    if (given) {
+        rv = readUlong(scratch, CKA_KEY_TYPE, keyType);
+        if (rv != CKR_OK) return rv == CKR_TEMPLATE_INCOMPLETE ? CKR_ATTRIBUTE_VALUE_INVALID : rv;
+    }
+    return kindOf(CKO_SECRET_KEY, *keyType, kind);
+}
+
+// A key whose type the template chooses (PBKDF2 makes any secret key).
 CK_RV checkTemplateOfChosenType(CK_ATTRIBUTE_PTR attributes, CK_ULONG count)
 {
     ScratchObject scratch;
     CK_RV rv = scratch.build(attributes, count);
     if (rv != CKR_OK) return rv;
-    CK_KEY_TYPE keyType = CKK_GENERIC_SECRET;
-    const CK_ATTRIBUTE* given = nullptr;
-    rv = P11Obj_peekAttribute(scratch.get(), CKA_KEY_TYPE, &given);
-    if (rv != CKR_OK) return rv;
-    if (given) {
-        rv = readUlong(scratch.get(), CKA_KEY_TYPE, &keyType);
-        if (rv != CKR_OK) return rv == CKR_TEMPLATE_INCOMPLETE ? CKR_ATTRIBUTE_VALUE_INVALID : rv;
-    }
+    CK_KEY_TYPE keyType = 0;
     uint64_t kind = 0;
-    rv = kindOf(CKO_SECRET_KEY, keyType, &kind);
+    rv = templateSecretType(scratch.get(), &keyType, &kind);
     if (rv != CKR_OK) return CKR_TEMPLATE_INCONSISTENT;
     return CheckObject(scratch.get(), kind, keyType, P11_TEMPLATE_GENERATE);
 }
@@ -633,17 +639,10 @@ CK_RV CheckTemplateDerive(CK_ATTRIBUTE_PTR attributes, CK_ULONG count, CK_MECHAN
     if (rv != CKR_OK) return rv;
     // A derived key is checked as a variable-length secret whatever its
     // type; a type the template names must still be a secret-key type.
-    CK_KEY_TYPE keyType = CKK_GENERIC_SECRET;
-    const CK_ATTRIBUTE* given = nullptr;
-    rv = P11Obj_peekAttribute(scratch.get(), CKA_KEY_TYPE, &given);
+    CK_KEY_TYPE keyType = 0;
+    uint64_t secretKind = 0;
+    rv = templateSecretType(scratch.get(), &keyType, &secretKind);
     if (rv != CKR_OK) return rv;
-    if (given) {
-        rv = readUlong(scratch.get(), CKA_KEY_TYPE, &keyType);
-        if (rv != CKR_OK) return rv == CKR_TEMPLATE_INCOMPLETE ? CKR_ATTRIBUTE_VALUE_INVALID : rv;
-        uint64_t secretKind = 0;
-        rv = kindOf(CKO_SECRET_KEY, keyType, &secretKind);
-        if (rv != CKR_OK) return rv;
-    }
     return CheckObject(scratch.get(), P11_KIND_VARIABLE_SECRET, keyType, P11_TEMPLATE_DERIVE);
 }
 
