@@ -1,6 +1,7 @@
-// Replays the fuzz targets' seed corpus, the regression inputs and a few
-// hundred deterministic mutations of the seeds through the same bodies the
-// libFuzzer programs run, so the normal test suite covers them without a
+// Replays the fuzz targets' seed corpus (the test certificates, and for the
+// text decoders and the helper parser each also as base64 and as a helper's
+// answer), the regression inputs and deterministic mutations of the seeds
+// through the same bodies the libFuzzer programs run, so the normal test suite covers them without a
 // fuzz build. An exception a body lets out fails the test with the input's
 // name; a broken invariant aborts the program.
 
@@ -16,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "deps/cpp_modules/ByteArray.h"
+#include "deps/cpp_modules/base64.h"
 #include "fuzz_targets.h"
 
 namespace {
@@ -113,7 +115,8 @@ ByteArray mutate(const ByteArray& seed, Random& random)
 // Runs both bodies; an exception they let out is reported with the input's name.
 void replay(const Input& input)
 {
-    for (auto body : {korvo_fuzz::Asn1ReaderInput, korvo_fuzz::OcesCertificateInput}) {
+    for (auto body : {korvo_fuzz::Asn1ReaderInput, korvo_fuzz::OcesCertificateInput, korvo_fuzz::HelperOutputInput,
+                      korvo_fuzz::TextDecodersInput, korvo_fuzz::PrivateKeyInfoInput}) {
         try {
             body(input.bytes.data(), input.bytes.size());
         } catch (const std::exception& e) {
@@ -144,10 +147,26 @@ TEST(FuzzCorpusReplay, OcesParseRefusesOnlyTheDsaKeyAndTheSecondEmailAddress)
 TEST(FuzzCorpusReplay, RegressionsAndMutatedSeedsRaiseOnlyDocumentedExceptions)
 {
     std::vector<Input> inputs = readDirectory(KORVO_FUZZ_REGRESSIONS_DIR, "");
+    // The minimised corpora the fuzzers left, one folder each.
+    if (fs::is_directory(KORVO_FUZZ_CORPUS_DIR))
+        for (const fs::directory_entry& folder : fs::directory_iterator(KORVO_FUZZ_CORPUS_DIR))
+            for (Input& input : readDirectory(folder.path(), ""))
+                inputs.push_back({folder.path().filename().string() + "/" + input.name, std::move(input.bytes)});
     inputs.push_back({"(empty input)", ByteArray()});
     Random random{0x4B6F7276u};
     const int perSeed = 30;
-    for (const Input& seed : seeds())
+    std::vector<Input> textSeeds;
+    for (const Input& seed : seeds()) {
+        // The text decoders and the helper parser get text: each seed also as
+        // base64 and as a helper's answer.
+        const std::string base64Text = base64::encode(seed.bytes);
+        const std::string answer = "00" + seed.bytes.toHex(HexCase::Upper) + "\n";
+        textSeeds.push_back({seed.name + " base64", ByteArray::fromString(base64Text)});
+        textSeeds.push_back({seed.name + " answer", ByteArray::fromString(answer)});
+    }
+    std::vector<Input> allSeeds = seeds();
+    allSeeds.insert(allSeeds.end(), textSeeds.begin(), textSeeds.end());
+    for (const Input& seed : allSeeds)
         for (int i = 0; i < perSeed; ++i)
             inputs.push_back({seed.name + " mutation " + std::to_string(i), mutate(seed.bytes, random)});
     ASSERT_GE(inputs.size(), 300u);

@@ -27,4 +27,16 @@ bool Asn1ReaderInput(const uint8_t* data, size_t size);
 // when the model refused the bytes with one of its documented exceptions.
 bool OcesCertificateInput(const uint8_t* data, size_t size);
 
+// The result a helper's output carries (Tavik_parseHelperOutput). True
+// when the output holds one.
+bool HelperOutputInput(const uint8_t* data, size_t size);
+
+// The input as text through the hex and base64 decoders, each checked
+// against its encoder. True when it is base64.
+bool TextDecodersInput(const uint8_t* data, size_t size);
+
+// pkcs8_decode on the input and, for a key it accepts, encoding it again
+// and decoding that. True when the input was a key.
+bool PrivateKeyInfoInput(const uint8_t* data, size_t size);
+
 }  // namespace korvo_fuzz

@@ -1,0 +1,8 @@
+// libFuzzer entry: HelperOutputInput of decoders_target.cpp.
+#include "fuzz_targets.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    korvo_fuzz::HelperOutputInput(data, size);
+    return 0;
+}
