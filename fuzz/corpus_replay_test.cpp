@@ -24,6 +24,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+const char* const kCallSequences = "fuzz_call_sequence";
+
 struct Input {
     std::string name;
     ByteArray bytes;
@@ -112,11 +114,12 @@ ByteArray mutate(const ByteArray& seed, Random& random)
     return ByteArray(bytes.data(), bytes.size());
 }
 
-// Runs both bodies; an exception they let out is reported with the input's name.
+// Runs every body; an exception they let out is reported with the input's name.
 void replay(const Input& input)
 {
     for (auto body : {korvo_fuzz::Asn1ReaderInput, korvo_fuzz::OcesCertificateInput, korvo_fuzz::HelperOutputInput,
-                      korvo_fuzz::TextDecodersInput, korvo_fuzz::PrivateKeyInfoInput}) {
+                      korvo_fuzz::TextDecodersInput, korvo_fuzz::PrivateKeyInfoInput, korvo_fuzz::Pkcs1DecodersInput,
+                      korvo_fuzz::SettingsInput}) {
         try {
             body(input.bytes.data(), input.bytes.size());
         } catch (const std::exception& e) {
@@ -124,6 +127,18 @@ void replay(const Input& input)
         } catch (...) {
             ADD_FAILURE() << input.name << ": an exception of no standard type";
         }
+    }
+}
+
+// Programs of calls on the whole module: each keeps the invariants that
+// CallSequenceInput checks (a broken one aborts).
+TEST(FuzzCorpusReplay, CallSequencesKeepTheModulesInvariants)
+{
+    const std::vector<Input> programs = readDirectory(fs::path(KORVO_FUZZ_CORPUS_DIR) / kCallSequences, "");
+    ASSERT_GE(programs.size(), 20u);
+    for (const Input& program : programs) {
+        SCOPED_TRACE(program.name);
+        korvo_fuzz::CallSequenceInput(program.bytes.data(), program.bytes.size());
     }
 }
 
@@ -147,11 +162,13 @@ TEST(FuzzCorpusReplay, OcesParseRefusesOnlyTheDsaKeyAndTheSecondEmailAddress)
 TEST(FuzzCorpusReplay, RegressionsAndMutatedSeedsRaiseOnlyDocumentedExceptions)
 {
     std::vector<Input> inputs = readDirectory(KORVO_FUZZ_REGRESSIONS_DIR, "");
-    // The minimised corpora the fuzzers left, one folder each.
+    // The minimised corpora the fuzzers left, one folder each; the call
+    // sequences have a test of their own.
     if (fs::is_directory(KORVO_FUZZ_CORPUS_DIR))
         for (const fs::directory_entry& folder : fs::directory_iterator(KORVO_FUZZ_CORPUS_DIR))
-            for (Input& input : readDirectory(folder.path(), ""))
-                inputs.push_back({folder.path().filename().string() + "/" + input.name, std::move(input.bytes)});
+            if (folder.path().filename() != kCallSequences)
+                for (Input& input : readDirectory(folder.path(), ""))
+                    inputs.push_back({folder.path().filename().string() + "/" + input.name, std::move(input.bytes)});
     inputs.push_back({"(empty input)", ByteArray()});
     Random random{0x4B6F7276u};
     const int perSeed = 30;

@@ -1,6 +1,6 @@
 #pragma once
 // The per-input bodies of the fuzz targets. The libFuzzer programs
-// (fuzz_asn1_reader, fuzz_oces_certificate) and the corpus replay of the
+// (fuzz_<name>) and the corpus replay of the
 // normal test suite run the same functions.
 //
 // Each body catches exactly the exceptions that the code it drives documents
@@ -38,5 +38,21 @@ bool TextDecodersInput(const uint8_t* data, size_t size);
 // pkcs8_decode on the input and, for a key it accepts, encoding it again
 // and decoding that. True when the input was a key.
 bool PrivateKeyInfoInput(const uint8_t* data, size_t size);
+
+// The PKCS #1 decoders: the first input byte chooses version 1.5 padding
+// removal, EMSA-PSS verification or EME-OAEP decoding, the next two their
+// hashes and parameters, the rest is the encoded block. Each is checked
+// against its encoder. True when the block decoded.
+bool Pkcs1DecodersInput(const uint8_t* data, size_t size);
+
+// The input as the settings file, read through every getter of the
+// configuration. True when it switches the custom proxy on.
+bool SettingsInput(const uint8_t* data, size_t size);
+
+// The input as a program of Cryptoki calls on the whole module, over the
+// certificate store in $HOME/.korvo (made from the test certificates when
+// missing) and the helper beside the program; the invariants are listed in
+// call_sequence_target.cpp.
+void CallSequenceInput(const uint8_t* data, size_t size);
 
 }  // namespace korvo_fuzz

@@ -8,6 +8,7 @@ packages=(
   qt6-base-dev
   libssl-dev openssl
   libnss3-dev libnspr4-dev
+  libp11-kit-dev   # where p11-kit looks for modules and module files: the install goes there
   libnss3   # NSS's software token (libsoftokn3.so), the peer of the whole-library differential tests
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   opensc softhsm2 python3-pykcs11

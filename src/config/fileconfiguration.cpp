@@ -37,19 +37,53 @@ ByteArray decodeBase64AsFarAsItGoes(const QByteArray& text)
 
 void ignoreQtMessage(QtMsgType, const QMessageLogContext&, const QString&) {}
 
-// The TLS certificate classes load their backend plugin on first use. In a
-// host process that is not a Qt application the plugin loader complains on
-// standard error that there is no application object to connect to; the
-// module must stay silent in other people's processes, so that one-time
-// start-up runs with Qt's messages swallowed. Qt applications are left alone.
+// Qt reports on standard error what it cannot make sense of: a settings
+// value "@Variant(...)" of an unknown type, say, or a missing application
+// object when the TLS backend loads. The module must stay silent in other
+// people's processes, so while it reads its settings in a host that is not
+// a Qt application, Qt's messages are swallowed. Threads inside at the same
+// time share the swallowing handler; the last one out puts back the one
+// that was there before. Qt applications keep their own handler untouched.
+class QuietQt {
+public:
+    QuietQt()
+        : active_(QCoreApplication::instance() == nullptr)
+    {
+        if (!active_) return;
+        std::lock_guard<std::mutex> guard(state().mutex);
+        if (state().depth++ == 0) state().previous = qInstallMessageHandler(ignoreQtMessage);
+    }
+    ~QuietQt()
+    {
+        if (!active_) return;
+        std::lock_guard<std::mutex> guard(state().mutex);
+        if (--state().depth == 0) qInstallMessageHandler(state().previous);
+    }
+    QuietQt(const QuietQt&) = delete;
+    QuietQt& operator=(const QuietQt&) = delete;
+
+private:
+    struct State {
+        std::mutex mutex;
+        int depth = 0;
+        QtMessageHandler previous = nullptr;
+    };
+    static State& state()
+    {
+        static State shared;
+        return shared;
+    }
+    const bool active_;
+};
+
+// The TLS certificate classes load their backend plugin on first use; that
+// one-time start-up runs quietly.
 void initialiseTlsBackendQuietly()
 {
     static std::once_flag once;
     std::call_once(once, [] {
-        if (QCoreApplication::instance()) return;
-        const QtMessageHandler previous = qInstallMessageHandler(ignoreQtMessage);
+        const QuietQt quiet;
         (void)QSslCertificate(QByteArray(), QSsl::Der);
-        qInstallMessageHandler(previous);
     });
 }
 
@@ -69,6 +103,7 @@ FileConfiguration::~FileConfiguration() = default;
 
 QString FileConfiguration::stringValue(const char* key, const QString& defaultValue) const
 {
+    const QuietQt quiet;
     return variantText(settings_.value(QString::fromLatin1(key), defaultValue));
 }
 
@@ -105,6 +140,7 @@ QString FileConfiguration::rootCertificateDir() const
 
 bool FileConfiguration::useCustomProxySettings() const
 {
+    const QuietQt quiet;
     return settings_.value(QStringLiteral("UseCustomProxySettings"), false).toBool();
 }
 
@@ -115,6 +151,7 @@ QString FileConfiguration::proxyHostName() const
 
 int FileConfiguration::proxyPort() const
 {
+    const QuietQt quiet;
     return settings_.value(QStringLiteral("ProxyPort"), 808).toInt();
 }
 
@@ -191,6 +228,7 @@ QString FileConfiguration::hardcodedUserAgent() const
 QList<QSslCertificate> FileConfiguration::sslRootCerts() const
 {
     initialiseTlsBackendQuietly();
+    const QuietQt quiet;
     QList<QSslCertificate> certificates;
     const QString text = stringValue("sslRootCert", QString::fromLatin1(deployment_defaults::kSslRootCertsBase64));
     for (const QString& piece : text.split(QLatin1Char(','), Qt::SkipEmptyParts)) {

@@ -300,7 +300,7 @@ CK_RV P11Token_construct(P11Token** pToken)
     if (rv == CKR_OK) rv = P11DB_GetRandomSeed(token->database, seed.get(), &seedLength);
     if (rv == CKR_OK && csprgbg_init(&token->rng, seed.get(), seedLength, nullptr, 0) != CRYPTO_OK)
         rv = CKR_GENERAL_ERROR;
-    if (seed) std::memset(seed.get(), 0, seedLength);
+    if (seed) OPENSSL_cleanse(seed.get(), seedLength);
     if (rv == CKR_OK) rv = P11SessionList_construct(&token->sessions);
     // The index has locks of its own only with the library's own mutexes:
     // with the application's callbacks every lock comes from them.
@@ -592,7 +592,7 @@ CK_RV P11Token_seedRNG(P11Token* token, csprgbg_state** rng)
     CK_BYTE seed[128];
     CK_RV rv = P11Token_generateRandom(token, seed, sizeof seed);
     if (rv == CKR_OK && csprgbg_init(rng, seed, sizeof seed, nullptr, 0) != CRYPTO_OK) rv = CKR_GENERAL_ERROR;
-    std::memset(seed, 0, sizeof seed);
+    OPENSSL_cleanse(seed, sizeof seed);
     return rv;
 }
 

@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include <QDir>
 #include <QFile>
 
 #include "config/fileutil.h"
@@ -17,6 +18,7 @@
 #include "crypto/crypto_errors.h"
 #include "crypto/hash.h"
 #include "deps/cpp_modules/SecureRandomNumberGenerator.h"
+#include "logging/Logger.h"
 #include "pkcs11/P11ObjList.h"
 #include "pkcs11/P11Token.h"
 #include "pkcs11/db/P11Obj_Tavik_Certificate.h"
@@ -34,6 +36,8 @@ struct P11DB_Source {
 struct P11DB_Sources {
     std::unordered_map<std::string, P11DB_Source> byIdentity;
 };
+
+KORVO_FILE_LOGGER;
 
 namespace {
 
@@ -133,6 +137,23 @@ bool describe(const ByteArray& der, const QString& userName, Certificate* certif
     return true;
 }
 
+// Says in the log which folders a refresh read and what it found there, so
+// that a person who sees no token objects learns where the token looked.
+// Folders that gave nothing are reported at information level.
+void reportFolders(const QStringList& folders, const qsizetype counts[3])
+{
+    static const char* const kinds[] = {"user", "intermediate CA", "root CA"};
+    for (int i = 0; i < 3 && i < folders.size(); ++i) {
+        const QString state = !QDir(folders[i]).exists() ? QStringLiteral("does not exist")
+                              : counts[i] == 0           ? QStringLiteral("holds no certificate")
+                                                         : QStringLiteral("holds %1 certificate(s)").arg(counts[i]);
+        const QString line =
+            QStringLiteral("Folder of %1 certificates %2 %3").arg(QLatin1String(kinds[i]), folders[i], state);
+        if (counts[i] == 0) fileLogger->Info(__LINE__, line);
+        else fileLogger->Trace(__LINE__, line);
+    }
+}
+
 CK_RV refreshObjects(P11DB* db)
 {
     // One configuration and one store for the life of the process; the
@@ -151,6 +172,8 @@ CK_RV refreshObjects(P11DB* db)
     const QList<MultiCertificate> users = store->certificates();
     const QList<ByteArray> intermediates = store->intermediateCaCertificates();
     const QList<ByteArray> roots = store->rootCaCertificates();
+    const qsizetype counts[3] = {users.size(), intermediates.size(), roots.size()};
+    reportFolders(store->folders(), counts);
 
     CK_RV rv = P11ObjList_clearMarks(db->objects);
     if (rv != CKR_OK) return rv;

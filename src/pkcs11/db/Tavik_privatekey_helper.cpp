@@ -87,6 +87,7 @@ bool runThroughShell(const std::string& command, std::string* output, bool* over
         if (size_t(got) > room) *overflowed = true;
         output->append(buffer, std::min(room, size_t(got)));
     }
+    OPENSSL_cleanse(buffer, sizeof buffer);  // the last read of the answer
     close(fds[0]);
     pid_t waited;
     do {

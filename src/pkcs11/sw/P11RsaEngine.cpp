@@ -1,5 +1,7 @@
 #include "pkcs11/sw/P11RsaEngine.h"
 
+#include <openssl/crypto.h>
+
 #include <cstring>
 #include <new>
 
@@ -365,7 +367,7 @@ CK_RV encrypt(P11OperationData_rsa* record, P11Session* session, CK_BYTE_PTR dat
         const CK_BYTE* label = record->label.empty() ? nullptr : record->label.data();
         const int rc = OAEP_ENCODE(record->hashId, record->mgfHashId, data, dataLen, label,
                                    CK_ULONG(record->label.size()), seed, block.data() + 1, k - 1);
-        std::memset(seed, 0, sizeof seed);
+        OPENSSL_cleanse(seed, sizeof seed);
         if (rc != 0) return CKR_GENERAL_ERROR;
     }
     crypto_bytes result;

@@ -153,15 +153,18 @@ struct P11OperationData_cipher : P11OperationData {
         return CKR_OK;
     }
 
-    // Single-part: the whole input and the final part in one call. A size
-    // query may exceed the exact length by the padding (at most a block).
+    // Single-part: the whole input and the final part in one call. After
+    // updates it finishes their operation, so the bytes they left pending
+    // count too. A size query may exceed the exact length by the padding
+    // (at most a block).
     CK_RV single(P11Obj* key, P11Session* session, CK_BYTE_PTR in, CK_ULONG inLen, CK_BYTE_PTR out,
                  CK_ULONG_PTR outLen) override
     {
         if (!outLen || (!in && inLen)) return CKR_ARGUMENTS_BAD;
-        if (!pad && inLen % block) return incomplete();
-        if (pad && !encrypt && (inLen == 0 || inLen % block)) return CKR_ENCRYPTED_DATA_LEN_RANGE;
-        const size_t bound = pad && encrypt ? (inLen / block + 1) * block : inLen;
+        const size_t whole = pending.size() + inLen;
+        if (!pad && whole % block) return incomplete();
+        if (pad && !encrypt && (whole == 0 || whole % block)) return CKR_ENCRYPTED_DATA_LEN_RANGE;
+        const size_t bound = pad && encrypt ? (whole / block + 1) * block : whole;
         if (!out) {
             *outLen = CK_ULONG(bound);
             return CKR_OK;

@@ -3,6 +3,8 @@
 
 #include "pkcs11/sw/pkcs1.h"
 
+#include <openssl/crypto.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -26,7 +28,7 @@ public:
     explicit Scratch(CK_ULONG len) : len_(len), data_(len ? new (std::nothrow) CK_BYTE[len] : nullptr) {}
     ~Scratch()
     {
-        if (data_) std::memset(data_.get(), 0, len_);
+        if (data_) OPENSSL_cleanse(data_.get(), len_);
     }
     Scratch(const Scratch&) = delete;
     Scratch& operator=(const Scratch&) = delete;
@@ -139,14 +141,14 @@ CK_RV MGF1(int hashId, const CK_BYTE* seed, CK_ULONG seedLen, CK_BYTE* mask, CK_
                               static_cast<CK_BYTE>(counter >> 8), static_cast<CK_BYTE>(counter)};
         const CK_RV rv = hashPieces(hashId, seed, seedLen, c, sizeof c, nullptr, 0, digest);
         if (rv != CKR_OK) {
-            std::memset(digest, 0, sizeof digest);
+            OPENSSL_cleanse(digest, sizeof digest);
             return rv;
         }
         const CK_ULONG take = maskLen - done < hLen ? maskLen - done : hLen;
         std::memcpy(mask + done, digest, take);
         done += take;
     }
-    std::memset(digest, 0, sizeof digest);
+    OPENSSL_cleanse(digest, sizeof digest);
     return CKR_OK;
 }
 
@@ -276,7 +278,7 @@ int OAEP_DECODE(int hashId, int mgfHashId, const CK_BYTE* EM, CK_ULONG emLen, co
     Scratch db(dbLen);
     if (!db.ok()) return -1;
     const CK_RV rv = MGF1(mgfHashId, seed, hLen, db.get(), dbLen);
-    std::memset(seed, 0, sizeof seed);
+    OPENSSL_cleanse(seed, sizeof seed);
     if (rv != CKR_OK) return -1;
     xorInto(db.get(), maskedDb, dbLen);
 
@@ -311,7 +313,7 @@ int OAEP_ENCODE_SHA1_SHA1(const CK_BYTE* M, CK_ULONG mLen, const CK_BYTE* P, CK_
     const int grv = csprgbg_bytes(rng, seed, kSha1Len);
     if (grv != CRYPTO_OK) return grv;
     const int rv = OAEP_ENCODE(HASH_SHA1, HASH_SHA1, M, mLen, P, pLen, seed, EM, emLen);
-    std::memset(seed, 0, sizeof seed);
+    OPENSSL_cleanse(seed, sizeof seed);
     return rv;
 }
 
