@@ -111,12 +111,17 @@ TEST_F(Tls, MasterSecretsAndKeyBlocksAgreeWithThePeer)
         const char* name;
         CK_MECHANISM_TYPE master, keys;
         bool dh;
+        CK_KEY_TYPE keyType;  // of the cipher keys
+        CK_ULONG keyBytes, ivBytes;
     };
+    // Triple DES keys come out with odd parity, as the peer makes them.
     const Case cases[] = {
-        {"SSL 3.0", CKM_SSL3_MASTER_KEY_DERIVE, CKM_SSL3_KEY_AND_MAC_DERIVE, false},
-        {"TLS 1.0", CKM_TLS_MASTER_KEY_DERIVE, CKM_TLS_KEY_AND_MAC_DERIVE, false},
-        {"SSL 3.0 DH", CKM_SSL3_MASTER_KEY_DERIVE_DH, CKM_SSL3_KEY_AND_MAC_DERIVE, true},
-        {"TLS 1.0 DH", CKM_TLS_MASTER_KEY_DERIVE_DH, CKM_TLS_KEY_AND_MAC_DERIVE, true},
+        {"SSL 3.0", CKM_SSL3_MASTER_KEY_DERIVE, CKM_SSL3_KEY_AND_MAC_DERIVE, false, CKK_AES, 16, 16},
+        {"TLS 1.0", CKM_TLS_MASTER_KEY_DERIVE, CKM_TLS_KEY_AND_MAC_DERIVE, false, CKK_AES, 16, 16},
+        {"SSL 3.0 DH", CKM_SSL3_MASTER_KEY_DERIVE_DH, CKM_SSL3_KEY_AND_MAC_DERIVE, true, CKK_AES, 16, 16},
+        {"TLS 1.0 DH", CKM_TLS_MASTER_KEY_DERIVE_DH, CKM_TLS_KEY_AND_MAC_DERIVE, true, CKK_AES, 16, 16},
+        {"TLS 1.0 triple DES", CKM_TLS_MASTER_KEY_DERIVE, CKM_TLS_KEY_AND_MAC_DERIVE, false, CKK_DES3, 24, 8},
+        {"SSL 3.0 triple DES", CKM_SSL3_MASTER_KEY_DERIVE, CKM_SSL3_KEY_AND_MAC_DERIVE, false, CKK_DES3, 24, 8},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -140,14 +145,15 @@ TEST_F(Tls, MasterSecretsAndKeyBlocksAgreeWithThePeer)
                 EXPECT_EQ(version.major * 256 + version.minor, 0x0301);
             }
 
-            Bytes ivClient(16, 0), ivServer(16, 0);
+            Bytes ivClient(c.ivBytes, 0), ivServer(c.ivBytes, 0);
             CK_SSL3_KEY_MAT_OUT out{CK_INVALID_HANDLE, CK_INVALID_HANDLE, CK_INVALID_HANDLE, CK_INVALID_HANDLE,
                                     ivClient.data(), ivServer.data()};
-            CK_SSL3_KEY_MAT_PARAMS keyParams{160, 128, 128, CK_FALSE, {clientRandom.data(), 32, serverRandom.data(), 32},
-                                             &out};
+            CK_SSL3_KEY_MAT_PARAMS keyParams{160, c.keyBytes * 8, c.ivBytes * 8, CK_FALSE,
+                                             {clientRandom.data(), 32, serverRandom.data(), 32}, &out};
             CK_MECHANISM keys{c.keys, &keyParams, sizeof keyParams};
             Tmpl cipher;
-            cipher.ulong(CKA_CLASS, CKO_SECRET_KEY).ulong(CKA_KEY_TYPE, CKK_AES).ulong(CKA_VALUE_LEN, 16).flag(CKA_TOKEN, false);
+            cipher.ulong(CKA_CLASS, CKO_SECRET_KEY).ulong(CKA_KEY_TYPE, c.keyType).ulong(CKA_VALUE_LEN, c.keyBytes);
+            cipher.flag(CKA_TOKEN, false);
             cipher.flag(CKA_SENSITIVE, false).flag(CKA_EXTRACTABLE, true).flag(CKA_ENCRYPT, true).flag(CKA_DECRYPT, true);
             ASSERT_EQ(s.f->C_DeriveKey(s.s, &keys, master, cipher.data(), cipher.size(), nullptr), CKR_OK);
             for (CK_OBJECT_HANDLE h : {out.hClientMacSecret, out.hServerMacSecret, out.hClientKey, out.hServerKey}) {
@@ -157,13 +163,13 @@ TEST_F(Tls, MasterSecretsAndKeyBlocksAgreeWithThePeer)
             blocks[side].insert(blocks[side].end(), ivClient.begin(), ivClient.end());
             blocks[side].insert(blocks[side].end(), ivServer.begin(), ivServer.end());
             if (side == 0) {
-                EXPECT_EQ(value(out.hClientKey, CKA_KEY_TYPE), ulongBytes(CKK_AES));
+                EXPECT_EQ(value(out.hClientKey, CKA_KEY_TYPE), ulongBytes(c.keyType));
                 EXPECT_EQ(value(out.hClientMacSecret, CKA_SIGN), Bytes{CK_TRUE});
             }
         }
         EXPECT_EQ(masters[0].size(), 48u);
         EXPECT_EQ(masters[0], masters[1]);
-        EXPECT_EQ(blocks[0].size(), 2 * 20 + 2 * 16 + 2 * 16u);
+        EXPECT_EQ(blocks[0].size(), 2 * 20 + 2 * c.keyBytes + 2 * c.ivBytes);
         EXPECT_EQ(blocks[0], blocks[1]);
     }
 }

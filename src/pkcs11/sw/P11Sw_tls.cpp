@@ -10,6 +10,7 @@
 #include "pkcs11/P11Token.h"
 #include "pkcs11/objects/P11Obj.h"
 #include "pkcs11/sw/P11Sw_keys.h"
+#include "pkcs11/sw/P11Sw_secret.h"
 
 namespace {
 
@@ -162,6 +163,18 @@ struct MadeKeys {
     }
 };
 
+// A cipher key's value as the template's key type wants it: DES keys of
+// every length with odd parity, the others as derived.
+crypto_bytes withParity(P11Obj* model, const crypto_bytes& value)
+{
+    crypto_bytes key(value);
+    CK_ULONG type = 0;
+    if (P11Obj_getUlongValue(model, CKA_KEY_TYPE, &type) == CKR_OK &&
+        (type == CKK_DES || type == CKK_DES2 || type == CKK_DES3))
+        P11SwSecret_setOddParity(key.data(), key.size());
+    return key;
+}
+
 // One derived key: the template's attributes (through `model`, the object
 // C_DeriveKey built from it) for a cipher key, or a generic secret that
 // signs and verifies for a MAC secret; the value; completion; and
@@ -181,7 +194,7 @@ CK_RV makeKey(MadeKeys* keys, P11Obj* model, bool macSecret, const crypto_bytes&
         if (rv == CKR_OK) rv = P11Obj_setUlongValue(key, CKA_VALUE_LEN, CK_ULONG(value.size()));
     }
     if (rv == CKR_OK) rv = P11Obj_setUlongValue(key, CKA_CLASS, CKO_SECRET_KEY);
-    if (rv == CKR_OK) rv = storeSecret(key, value);
+    if (rv == CKR_OK) rv = storeSecret(key, macSecret ? value : withParity(model, value));
     P11Session* session = keys->session;
     if (rv == CKR_OK) rv = P11Obj_completeObject(key, session, P11Session_getToken(session));
     if (rv == CKR_OK && everExposed) rv = P11Obj_setBoolValue(key, CKA_ALWAYS_SENSITIVE, CK_FALSE);
@@ -306,7 +319,7 @@ CK_RV P11SwTls_deriveKeys(const P11Mechanism& row, P11Obj* baseKey, P11Session* 
     // key, or of its MAC secret when there is no cipher key.
     if (row.type == CKM_TLS_KEY_AND_MAC_DERIVE) {
         if (!keyLen) P11Obj_setUlongValue(newKey, CKA_KEY_TYPE, CKK_GENERIC_SECRET);
-        return storeSecret(newKey, keyLen ? clientKey : clientMac);
+        return storeSecret(newKey, keyLen ? withParity(newKey, clientKey) : clientMac);
     }
     return CKR_OK;
 }
