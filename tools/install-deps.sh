@@ -5,6 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config binutils
+  file dpkg-dev   # cpack -G DEB: file finds the binaries, dpkg-shlibdeps their dependencies
   qt6-base-dev
   libssl-dev openssl
   libnss3-dev libnspr4-dev
