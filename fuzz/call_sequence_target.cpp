@@ -297,6 +297,18 @@ private:
         return t;
     }
 
+    // The client and server randoms of the SSL and TLS derivations.
+    CK_SSL3_RANDOM_DATA randoms()
+    {
+        Bytes client = in_.bytes(), server = in_.bytes();
+        CK_SSL3_RANDOM_DATA r{};
+        r.ulClientRandomLen = client.size();
+        r.pClientRandom = arena_.keep(std::move(client));
+        r.ulServerRandomLen = server.size();
+        r.pServerRandom = arena_.keep(std::move(server));
+        return r;
+    }
+
     CK_MECHANISM mechanism()
     {
         const Mechanism& m = kMechanisms[in_.byte() % (sizeof kMechanisms / sizeof kMechanisms[0])];
@@ -370,11 +382,7 @@ private:
         }
         case Mechanism::Master: {
             CK_SSL3_MASTER_KEY_DERIVE_PARAMS p{};
-            Bytes client = in_.bytes(), server = in_.bytes();
-            p.RandomInfo.ulClientRandomLen = client.size();
-            p.RandomInfo.pClientRandom = arena_.keep(std::move(client));
-            p.RandomInfo.ulServerRandomLen = server.size();
-            p.RandomInfo.pServerRandom = arena_.keep(std::move(server));
+            p.RandomInfo = randoms();
             p.pVersion = in_.byte() & 1 ? arena_.keep(CK_VERSION{}) : nullptr;
             mech.pParameter = arena_.keep(p);
             mech.ulParameterLen = sizeof p;
@@ -386,11 +394,7 @@ private:
             p.ulKeySizeInBits = in_.byte();
             p.ulIVSizeInBits = in_.byte() & 0xF8;
             p.bIsExport = in_.byte() & 1;
-            Bytes client = in_.bytes(), server = in_.bytes();
-            p.RandomInfo.ulClientRandomLen = client.size();
-            p.RandomInfo.pClientRandom = arena_.keep(std::move(client));
-            p.RandomInfo.ulServerRandomLen = server.size();
-            p.RandomInfo.pServerRandom = arena_.keep(std::move(server));
+            p.RandomInfo = randoms();
             CK_SSL3_KEY_MAT_OUT out{};
             out.pIVClient = arena_.keep(Bytes(p.ulIVSizeInBits / 8 + 1));
             out.pIVServer = arena_.keep(Bytes(p.ulIVSizeInBits / 8 + 1));

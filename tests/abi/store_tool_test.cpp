@@ -4,9 +4,7 @@
 // and no longer showing what it removed.
 
 #include <openssl/evp.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -16,21 +14,9 @@
 namespace korvo {
 namespace {
 
-struct ToolRun {
-    int status;
-    std::string output;  // standard output and standard error together
-};
-
-ToolRun storeTool(const std::string& arguments)
+CommandResult storeTool(const std::string& arguments)
 {
-    ToolRun run{-1, ""};
-    FILE* pipe = popen((std::string(KORVO_STORE_TOOL) + " " + arguments + " 2>&1").c_str(), "r");
-    if (!pipe) return run;
-    char buffer[512];
-    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.output.append(buffer, n);
-    const int status = pclose(pipe);
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return run;
+    return runCommand(std::string(KORVO_STORE_TOOL) + " " + arguments);
 }
 
 // Every file under the store, with its bytes.
@@ -98,7 +84,7 @@ TEST_F(StoreTool, EachCommandDoesWhatItSaysAndRefusesWhatTheTokenCouldNotUse)
     for (const Row& row : rows) {
         SCOPED_TRACE(row.arguments);
         const auto before = storeContents();
-        const ToolRun run = storeTool(row.arguments);
+        const CommandResult run = storeTool(row.arguments);
         EXPECT_EQ(run.status, row.status) << run.output;
         EXPECT_NE(run.output.find(row.says), std::string::npos) << run.output;
         if (row.status != 0) {
