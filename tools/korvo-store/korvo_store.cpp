@@ -218,7 +218,7 @@ int add(const Configuration& configuration, Kind kind, const QString& userName, 
     return 0;
 }
 
-int remove(const Configuration& configuration, const std::string& hashStart)
+int remove(Configuration& configuration, const std::string& hashStart)
 {
     std::string wanted = hashStart;
     std::transform(wanted.begin(), wanted.end(), wanted.begin(), ::tolower);
@@ -238,7 +238,7 @@ int remove(const Configuration& configuration, const std::string& hashStart)
     const Entry& entry = matches[0].second;
     // The store removes the file under the name it gives the certificate;
     // a file under another name goes by its own.
-    std::unique_ptr<CertificateHandler> store(CertificateHandler::Instance(const_cast<Configuration*>(&configuration)));
+    std::unique_ptr<CertificateHandler> store(CertificateHandler::Instance(&configuration));
     switch (folder.kind) {
     case Kind::User:
         store->deleteUserCertificate(MultiCertificate(entry.name.left(entry.name.indexOf(QLatin1Char('_'))), entry.der));
