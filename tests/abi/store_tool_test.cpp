@@ -70,6 +70,7 @@ TEST_F(StoreTool, EachCommandDoesWhatItSaysAndRefusesWhatTheTokenCouldNotUse)
         {"add-user alice " + certs + "user-company.der", 1, "already present", 1},
         {"add-user bob " + pemPath, 0, "bob_" + personHash + ".cer", 2},
         {"add-user carol " + certs + "user-dsa.der", 1, "not a user certificate the token can use", 2},
+        {"add-user carol " + certs + "user-san-two-emails.der", 1, "not a user certificate the token can use", 2},
         {"add-user carol " + certs + "root-ca.key.pem", 1, "is not a certificate", 2},
         {"add-user a_b " + certs + "user-employee.der", 1, "user name", 2},
         {"add-root " + certs + "user-missing.der", 1, "cannot read", 2},

@@ -11,9 +11,9 @@
 // Certificate files may be DER or PEM. The folders are the ones the settings
 // file names (by default ~/.korvo/{user,intermediate,root}_certificates).
 // What the token could not use is refused: bytes that are no certificate, a
-// user certificate without an RSA key or the holder policies the token
-// reads, a certificate that is already there. An addition is written into
-// a scratch folder beside the target and renamed into place, so a failed
+// user certificate without an RSA key or one the certificate model refuses,
+// a certificate that is already there. An addition is written into a
+// hidden scratch folder inside the target and renamed into place, so a failed
 // one leaves the folder as it was.
 //
 // Exit status: 0 done, 1 refused or failed (the reason on standard error),
