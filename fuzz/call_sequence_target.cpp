@@ -297,15 +297,21 @@ private:
         return t;
     }
 
+    // A byte field of a parameter structure: the input's next bytes, kept
+    // for the call, with their length.
+    CK_BYTE* field(CK_ULONG* length)
+    {
+        Bytes bytes = in_.bytes();
+        *length = bytes.size();
+        return arena_.keep(std::move(bytes));
+    }
+
     // The client and server randoms of the SSL and TLS derivations.
     CK_SSL3_RANDOM_DATA randoms()
     {
-        Bytes client = in_.bytes(), server = in_.bytes();
         CK_SSL3_RANDOM_DATA r{};
-        r.ulClientRandomLen = client.size();
-        r.pClientRandom = arena_.keep(std::move(client));
-        r.ulServerRandomLen = server.size();
-        r.pServerRandom = arena_.keep(std::move(server));
+        r.pClientRandom = field(&r.ulClientRandomLen);
+        r.pServerRandom = field(&r.ulServerRandomLen);
         return r;
     }
 
@@ -321,20 +327,14 @@ private:
         switch (m.param) {
         case Mechanism::None:
         case Mechanism::Raw:
-            if (m.param == Mechanism::Raw || shape % 16 == 1) {
-                Bytes raw = in_.bytes();
-                mech.ulParameterLen = raw.size();
-                mech.pParameter = arena_.keep(std::move(raw));
-            }
+            if (m.param == Mechanism::Raw || shape % 16 == 1) mech.pParameter = field(&mech.ulParameterLen);
             break;
         case Mechanism::Gcm: {
             CK_GCM_PARAMS_V3 p{};
             p.ulIvLen = in_.length();
             p.pIv = arena_.keep(Bytes(p.ulIvLen, 0x11));
             p.ulIvBits = p.ulIvLen * 8;
-            Bytes aad = in_.bytes();
-            p.ulAADLen = aad.size();
-            p.pAAD = arena_.keep(std::move(aad));
+            p.pAAD = field(&p.ulAADLen);
             p.ulTagBits = in_.byte();
             mech.pParameter = arena_.keep(p);
             mech.ulParameterLen = sizeof p;
@@ -345,9 +345,7 @@ private:
             p.ulDataLen = in_.length(kMaxBuffer);
             p.ulNonceLen = in_.byte() % 16;
             p.pNonce = arena_.keep(Bytes(p.ulNonceLen, 0x22));
-            Bytes aad = in_.bytes();
-            p.ulAADLen = aad.size();
-            p.pAAD = arena_.keep(std::move(aad));
+            p.pAAD = field(&p.ulAADLen);
             p.ulMACLen = in_.byte() % 20;
             mech.pParameter = arena_.keep(p);
             mech.ulParameterLen = sizeof p;
@@ -358,9 +356,7 @@ private:
             p.hashAlg = in_.byte() & 1 ? CKM_SHA_1 : CKM_SHA256;
             p.mgf = in_.byte() % 4;
             p.source = in_.byte() % 3;
-            Bytes label = in_.bytes();
-            p.ulSourceDataLen = label.size();
-            p.pSourceData = arena_.keep(std::move(label));
+            p.pSourceData = field(&p.ulSourceDataLen);
             mech.pParameter = arena_.keep(p);
             mech.ulParameterLen = sizeof p;
             break;
@@ -368,14 +364,12 @@ private:
         case Mechanism::Pbkd2: {
             CK_PKCS5_PBKD2_PARAMS p{};
             p.saltSource = in_.byte() % 3;
-            Bytes salt = in_.bytes();
-            p.ulSaltSourceDataLen = salt.size();
-            p.pSaltSourceData = arena_.keep(std::move(salt));
+            p.pSaltSourceData = field(&p.ulSaltSourceDataLen);
             p.iterations = in_.byte();  // small: the work must stay short
             p.prf = in_.byte() % 8;
-            Bytes password = in_.bytes();
-            p.ulPasswordLen = arena_.keep(CK_ULONG(password.size()));
-            p.pPassword = arena_.keep(std::move(password));
+            CK_ULONG passwordLen = 0;
+            p.pPassword = field(&passwordLen);
+            p.ulPasswordLen = arena_.keep(passwordLen);
             mech.pParameter = arena_.keep(p);
             mech.ulParameterLen = sizeof p;
             break;
@@ -405,11 +399,8 @@ private:
         }
         case Mechanism::Prf: {
             CK_TLS_PRF_PARAMS p{};
-            Bytes seed = in_.bytes(), label = in_.bytes();
-            p.ulSeedLen = seed.size();
-            p.pSeed = arena_.keep(std::move(seed));
-            p.ulLabelLen = label.size();
-            p.pLabel = arena_.keep(std::move(label));
+            p.pSeed = field(&p.ulSeedLen);
+            p.pLabel = field(&p.ulLabelLen);
             const CK_ULONG outLen = in_.length(256);
             p.pOutput = arena_.keep(Bytes(outLen));
             p.pulOutputLen = arena_.keep(outLen);
